@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+
+#include <tessrakite/Export.hpp>
+#include <tessrakite/platform/Application.hpp>
+#include <tessrakite/platform/Clock.hpp>
+#include <tessrakite/platform/Device.hpp>
+#include <tessrakite/platform/MainQueue.hpp>
+#include <tessrakite/platform/NotificationCenter.hpp>
+#include <tessrakite/platform/UrlSession.hpp>
+#include <tessrakite/platform/UserNotificationCenter.hpp>
+
+namespace tessrakite::platform {
+
+/// The operating-system services the SDK uses. A host may replace the process-wide
+/// platform before TessraQuill::initialize; the default is the headless platform.
+struct TESSRA_EXPORT Platform {
+    std::shared_ptr<Clock> clock;
+    std::shared_ptr<RunLoop> runLoop;  // the main queue
+    std::shared_ptr<UrlSession> urlSession;
+    std::shared_ptr<NotificationCenter> notificationCenter;
+    std::shared_ptr<Application> application;
+    std::shared_ptr<UserNotificationCenter> userNotificationCenter;
+    std::shared_ptr<Screen> screen;
+    std::shared_ptr<Device> device;
+
+    MainQueue& mainQueue() const { return *runLoop; }
+};
+
+/// The process-wide platform; made on first use (headless) unless a host set one.
+TESSRA_EXPORT std::shared_ptr<Platform> currentPlatform();
+TESSRA_EXPORT void setCurrentPlatform(std::shared_ptr<Platform> platform);
+
+}  // namespace tessrakite::platform

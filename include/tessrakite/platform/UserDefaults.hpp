@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <tessrakite/Export.hpp>
+#include <tessrakite/platform/PlistValue.hpp>
+
+namespace tessrakite::platform {
+
+/// A key/value store of property-list values, shared by the processes of one app group.
+/// Every write is committed when it returns; typed reads give nothing for a missing key
+/// or a value of another type.
+class TESSRA_EXPORT UserDefaults {
+public:
+    virtual ~UserDefaults() = default;
+
+    virtual std::optional<PlistValue> object(std::string_view key) = 0;
+    virtual void set(std::string_view key, const PlistValue& value) = 0;
+    virtual void removeObject(std::string_view key) = 0;
+    /// Read-modify-write of one key in one transaction, safe against other processes.
+    /// `fn` gets the current value (or nothing) and returns the new one (nothing removes).
+    using Updater = std::function<std::optional<PlistValue>(std::optional<PlistValue>)>;
+    virtual void update(std::string_view key, const Updater& fn) = 0;
+    virtual PlistDictionary dictionaryRepresentation() = 0;
+    /// Writes are already durable; kept for callers written against the platform store.
+    virtual bool synchronize() { return true; }
+
+    std::optional<bool> boolValue(std::string_view key);
+    std::optional<std::int64_t> integer(std::string_view key);
+    std::optional<double> doubleValue(std::string_view key);
+    std::optional<std::string> string(std::string_view key);
+    std::optional<Data> data(std::string_view key);
+    std::optional<PlistArray> array(std::string_view key);
+    std::optional<PlistDictionary> dictionary(std::string_view key);
+};
+
+/// Opens (once per process) the store of an app-group suite, under
+/// FileRoots::appGroupContainer(suite). Nothing when it cannot be opened.
+TESSRA_EXPORT std::shared_ptr<UserDefaults> userDefaults(const std::string& suiteName);
+/// The process's standard defaults, under FileRoots::appFolder(main bundle id).
+TESSRA_EXPORT std::shared_ptr<UserDefaults> standardUserDefaults();
+
+}  // namespace tessrakite::platform

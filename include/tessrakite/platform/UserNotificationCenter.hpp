@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <tessrakite/Export.hpp>
+#include <tessrakite/platform/PlistValue.hpp>
+
+namespace tessrakite::platform {
+
+enum class UNAuthorizationStatus { notDetermined, denied, authorized, provisional };
+
+/// Authorization options, combined as a bit set.
+namespace UNAuthorizationOptions {
+inline constexpr unsigned badge = 1u << 0;
+inline constexpr unsigned sound = 1u << 1;
+inline constexpr unsigned alert = 1u << 2;
+}  // namespace UNAuthorizationOptions
+
+struct TESSRA_EXPORT UNNotificationSettings {
+    UNAuthorizationStatus authorizationStatus = UNAuthorizationStatus::notDetermined;
+};
+
+struct TESSRA_EXPORT UNNotificationAttachment {
+    std::string identifier;
+    std::string url;  // a file path
+};
+
+/// The content of a notification (the mutable form; read-only copies are the same type).
+struct TESSRA_EXPORT UNMutableNotificationContent {
+    std::string title;
+    std::string subtitle;
+    std::string body;
+    std::optional<std::string> sound;  // "default" or a sound name
+    std::optional<std::int64_t> badge;
+    std::string categoryIdentifier;
+    std::string threadIdentifier;
+    PlistDictionary userInfo;
+    std::vector<UNNotificationAttachment> attachments;
+};
+using UNNotificationContent = UNMutableNotificationContent;
+
+struct TESSRA_EXPORT UNTimeIntervalNotificationTrigger {
+    double timeInterval = 0;
+    bool repeats = false;
+};
+
+struct TESSRA_EXPORT UNNotificationRequest {
+    std::string identifier;
+    UNNotificationContent content;
+    std::optional<UNTimeIntervalNotificationTrigger> trigger;  // nothing: deliver now
+};
+
+struct TESSRA_EXPORT UNNotification {
+    double date = 0;  // seconds since 1970
+    UNNotificationRequest request;
+};
+
+struct TESSRA_EXPORT UNNotificationAction {
+    std::string identifier;
+    std::string title;
+    unsigned options = 0;
+};
+
+struct TESSRA_EXPORT UNNotificationCategory {
+    std::string identifier;
+    std::vector<UNNotificationAction> actions;
+    std::vector<std::string> intentIdentifiers;
+    unsigned options = 0;
+};
+
+/// The user-notification centre. Completions may run on any thread.
+class TESSRA_EXPORT UserNotificationCenter {
+public:
+    virtual ~UserNotificationCenter() = default;
+    virtual void requestAuthorization(unsigned options,
+                                      std::function<void(bool granted, std::optional<std::string> error)> completion) = 0;
+    virtual void getNotificationSettings(std::function<void(UNNotificationSettings)> completion) = 0;
+    virtual void add(UNNotificationRequest request, std::function<void(std::optional<std::string> error)> completion) = 0;
+    virtual void getPendingNotificationRequests(std::function<void(std::vector<UNNotificationRequest>)> completion) = 0;
+    virtual void removePendingNotificationRequests(const std::vector<std::string>& identifiers) = 0;
+    virtual void removeAllPendingNotificationRequests() = 0;
+    virtual void getDeliveredNotifications(std::function<void(std::vector<UNNotification>)> completion) = 0;
+    virtual void removeDeliveredNotifications(const std::vector<std::string>& identifiers) = 0;
+    virtual void removeAllDeliveredNotifications() = 0;
+    virtual void setNotificationCategories(std::vector<UNNotificationCategory> categories) = 0;
+    virtual void getNotificationCategories(std::function<void(std::vector<UNNotificationCategory>)> completion) = 0;
+};
+
+}  // namespace tessrakite::platform

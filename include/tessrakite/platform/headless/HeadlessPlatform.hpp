@@ -1,0 +1,182 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include <tessrakite/Export.hpp>
+#include <tessrakite/platform/Platform.hpp>
+
+namespace tessrakite::platform::headless {
+
+/// Every effect of the headless platform is reported here as a name and its arguments
+/// ("openURL" {"url": ...}, "badge" {"value": ...}, "notificationAdded" {...}, ...).
+class TESSRA_EXPORT Effects {
+public:
+    using Sink = std::function<void(const std::string& name, const nlohmann::ordered_json& args)>;
+    void setSink(Sink sink);
+    void emit(const std::string& name, const nlohmann::ordered_json& args = nlohmann::ordered_json::object());
+
+private:
+    std::mutex mutex_;
+    std::shared_ptr<Sink> sink_;
+};
+
+class TESSRA_EXPORT HeadlessNotificationCenter final : public NotificationCenter {
+public:
+    ObserverToken addObserver(const std::string& name, std::function<void()> block) override;
+    void removeObserver(ObserverToken token) override;
+    void post(const std::string& name) override;
+    std::size_t observerCount(const std::string& name) const;
+
+private:
+    mutable std::mutex mutex_;
+    ObserverToken next_ = 1;
+    std::map<ObserverToken, std::pair<std::string, std::shared_ptr<std::function<void()>>>> observers_;
+};
+
+class TESSRA_EXPORT HeadlessApplication final : public Application {
+public:
+    HeadlessApplication(std::shared_ptr<Effects> effects, std::shared_ptr<RunLoop> runLoop);
+
+    void registerForRemoteNotifications() override;
+    void unregisterForRemoteNotifications() override;
+    bool isRegisteredForRemoteNotifications() const override;
+    std::int64_t applicationIconBadgeNumber() const override;
+    void setApplicationIconBadgeNumber(std::int64_t value) override;
+    bool canOpenURL(const Url& url) const override;
+    void open(const Url& url, std::function<void(bool)> completion) override;
+    BackgroundTaskIdentifier beginBackgroundTask(const std::string& name,
+                                                 std::function<void()> expirationHandler) override;
+    void endBackgroundTask(BackgroundTaskIdentifier identifier) override;
+    ApplicationState applicationState() const override;
+
+    // Injection and observation.
+    /// Called on the main queue with the device token after registration (the app
+    /// delegate's didRegisterForRemoteNotificationsWithDeviceToken).
+    void setDeviceTokenHandler(std::function<void(const Data&)> handler);
+    void setDeviceToken(Data token);
+    void setApplicationState(ApplicationState state);
+    /// Schemes that canOpenURL accepts (default: http, https).
+    void setOpenableSchemes(std::set<std::string> schemes);
+    std::vector<std::string> openedURLs() const;
+    /// Names of background tasks begun and not yet ended.
+    std::vector<std::string> activeBackgroundTasks() const;
+    /// Runs the expiration handlers of all open background tasks.
+    void expireBackgroundTasks();
+
+private:
+    std::shared_ptr<Effects> effects_;
+    std::shared_ptr<RunLoop> runLoop_;
+    mutable std::mutex mutex_;
+    bool registered_ = false;
+    std::int64_t badge_ = 0;
+    Data token_;
+    std::function<void(const Data&)> tokenHandler_;
+    ApplicationState state_ = ApplicationState::active;
+    std::set<std::string> schemes_{"http", "https"};
+    std::vector<std::string> opened_;
+    BackgroundTaskIdentifier nextTask_ = 1;
+    std::map<BackgroundTaskIdentifier, std::pair<std::string, std::function<void()>>> tasks_;
+};
+
+class TESSRA_EXPORT HeadlessUserNotificationCenter final : public UserNotificationCenter {
+public:
+    HeadlessUserNotificationCenter(std::shared_ptr<Effects> effects, std::shared_ptr<RunLoop> runLoop,
+                                   std::shared_ptr<Clock> clock);
+
+    void requestAuthorization(unsigned options,
+                              std::function<void(bool granted, std::optional<std::string> error)> completion) override;
+    void getNotificationSettings(std::function<void(UNNotificationSettings)> completion) override;
+    void add(UNNotificationRequest request, std::function<void(std::optional<std::string> error)> completion) override;
+    void getPendingNotificationRequests(std::function<void(std::vector<UNNotificationRequest>)> completion) override;
+    void removePendingNotificationRequests(const std::vector<std::string>& identifiers) override;
+    void removeAllPendingNotificationRequests() override;
+    void getDeliveredNotifications(std::function<void(std::vector<UNNotification>)> completion) override;
+    void removeDeliveredNotifications(const std::vector<std::string>& identifiers) override;
+    void removeAllDeliveredNotifications() override;
+    void setNotificationCategories(std::vector<UNNotificationCategory> categories) override;
+    void getNotificationCategories(std::function<void(std::vector<UNNotificationCategory>)> completion) override;
+
+    // Injection and observation.
+    /// The answer the user gives from now on: whether access is granted and the status
+    /// the settings report afterwards.
+    void setAuthorizationAnswer(bool granted, UNAuthorizationStatus status);
+    void setAuthorizationStatus(UNAuthorizationStatus status);
+    std::vector<UNNotificationRequest> pending() const;
+    std::vector<UNNotification> delivered() const;
+    std::vector<UNNotificationCategory> categories() const;
+    /// Options passed to the last authorization request, if any.
+    std::optional<unsigned> lastAuthorizationOptions() const;
+
+    static nlohmann::ordered_json toJSON(const UNNotificationContent& content);
+
+private:
+    void deliver(const std::string& identifier, std::uint64_t generation);
+
+    std::shared_ptr<Effects> effects_;
+    std::shared_ptr<RunLoop> runLoop_;
+    std::shared_ptr<Clock> clock_;
+    mutable std::mutex mutex_;
+    bool answerGranted_ = true;
+    UNAuthorizationStatus answerStatus_ = UNAuthorizationStatus::authorized;
+    UNAuthorizationStatus status_ = UNAuthorizationStatus::notDetermined;
+    std::optional<unsigned> lastOptions_;
+    std::map<std::string, std::pair<UNNotificationRequest, std::uint64_t>> pending_;
+    std::uint64_t generation_ = 0;
+    std::vector<UNNotification> delivered_;
+    std::vector<UNNotificationCategory> categories_;
+};
+
+class TESSRA_EXPORT HeadlessScreen final : public Screen {
+public:
+    Rect bounds() const override;
+    void setBounds(Rect bounds);
+
+private:
+    mutable std::mutex mutex_;
+    Rect bounds_{0, 0, 390, 844};
+};
+
+class TESSRA_EXPORT HeadlessDevice final : public Device {
+public:
+    std::string machine() const override;
+    std::string systemName() const override;
+    std::string systemVersion() const override;
+    std::string vendor() const override;
+    std::string kind() const override { return "desktop"; }
+    DeviceOrientation orientation() const override;
+    void setOrientation(DeviceOrientation orientation);
+
+private:
+    mutable std::mutex mutex_;
+    DeviceOrientation orientation_ = DeviceOrientation::portrait;
+};
+
+struct TESSRA_EXPORT HeadlessOptions {
+    std::shared_ptr<Clock> clock;            // default: the system clock
+    std::shared_ptr<UrlSession> urlSession;  // default: libcurl, options from the environment
+};
+
+/// The headless platform with its concrete services, for hosts and tests that inject
+/// inputs and observe effects.
+struct TESSRA_EXPORT Headless {
+    std::shared_ptr<Platform> platform;
+    std::shared_ptr<Effects> effects;
+    std::shared_ptr<HeadlessNotificationCenter> notificationCenter;
+    std::shared_ptr<HeadlessApplication> application;
+    std::shared_ptr<HeadlessUserNotificationCenter> userNotificationCenter;
+    std::shared_ptr<HeadlessScreen> screen;
+    std::shared_ptr<HeadlessDevice> device;
+};
+
+TESSRA_EXPORT Headless makeHeadlessPlatform(HeadlessOptions options = {});
+
+}  // namespace tessrakite::platform::headless

@@ -1,0 +1,144 @@
+#include <tessrakite/platform/MainQueue.hpp>
+#include <tessrakite/platform/Platform.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+namespace tessrakite::platform {
+namespace {
+constexpr double kNow = std::numeric_limits<double>::lowest();
+using Steady = std::chrono::steady_clock;
+}  // namespace
+
+RunLoop::RunLoop(std::shared_ptr<Clock> clock) : clock_(std::move(clock)), mainThread_(std::this_thread::get_id()) {}
+
+RunLoop::~RunLoop() = default;
+
+RunLoop& RunLoop::main() { return *currentPlatform()->runLoop; }
+
+void RunLoop::async(std::function<void()> work) {
+    {
+        std::lock_guard lock(mutex_);
+        items_.push_back(Item{kNow, sequence_++, std::move(work)});
+    }
+    wake_.notify_all();
+}
+
+void RunLoop::asyncAfter(double seconds, std::function<void()> work) {
+    double due = clock_->now() + std::max(0.0, seconds);
+    {
+        std::lock_guard lock(mutex_);
+        items_.push_back(Item{due, sequence_++, std::move(work)});
+    }
+    wake_.notify_all();
+}
+
+bool RunLoop::isMainThread() const {
+    std::lock_guard lock(mutex_);
+    return std::this_thread::get_id() == mainThread_;
+}
+
+void RunLoop::adoptCurrentThread() {
+    std::lock_guard lock(mutex_);
+    mainThread_ = std::this_thread::get_id();
+}
+
+std::size_t RunLoop::pendingCount() const {
+    std::lock_guard lock(mutex_);
+    return items_.size();
+}
+
+void RunLoop::addBusySource(BusySource source) {
+    std::lock_guard lock(mutex_);
+    busySources_.push_back(std::move(source));
+}
+
+bool RunLoop::popDue(double now, std::function<void()>& out) {
+    std::lock_guard lock(mutex_);
+    auto best = items_.end();
+    for (auto it = items_.begin(); it != items_.end(); ++it) {
+        if (it->due > now) continue;
+        if (best == items_.end() || it->due < best->due || (it->due == best->due && it->sequence < best->sequence))
+            best = it;
+    }
+    if (best == items_.end()) return false;
+    out = std::move(best->work);
+    items_.erase(best);
+    return true;
+}
+
+std::size_t RunLoop::runOnce() {
+    adoptCurrentThread();
+    std::size_t ran = 0;
+    std::function<void()> work;
+    while (popDue(clock_->now(), work)) {
+        work();
+        work = nullptr;
+        ++ran;
+    }
+    return ran;
+}
+
+bool RunLoop::busy() const {
+    std::vector<BusySource> sources;
+    {
+        std::lock_guard lock(mutex_);
+        sources = busySources_;
+    }
+    return std::any_of(sources.begin(), sources.end(), [](const BusySource& s) { return s(); });
+}
+
+bool RunLoop::runUntilIdle(double maxSeconds) {
+    auto deadline = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(maxSeconds));
+    for (;;) {
+        runOnce();
+        bool anyDue;
+        {
+            std::lock_guard lock(mutex_);
+            double now = clock_->now();
+            anyDue = std::any_of(items_.begin(), items_.end(), [now](const Item& i) { return i.due <= now; });
+        }
+        if (!anyDue && !busy()) return true;
+        if (Steady::now() >= deadline) return false;
+        std::unique_lock lock(mutex_);
+        wake_.wait_for(lock, std::chrono::milliseconds(2));
+    }
+}
+
+void RunLoop::runFor(double seconds) {
+    if (clock_->isManual()) {
+        // Virtual time: let outside work settle, then jump to the next timer.
+        auto* manual = static_cast<ManualClock*>(clock_.get());
+        const double target = clock_->now() + seconds;
+        for (;;) {
+            runUntilIdle(10.0);
+            std::optional<double> next;
+            {
+                std::lock_guard lock(mutex_);
+                for (const auto& i : items_)
+                    if (!next || i.due < *next) next = i.due;
+            }
+            if (!next || *next > target) break;
+            if (*next > manual->now()) manual->set(*next);
+        }
+        if (target > manual->now()) manual->set(target);
+        runOnce();
+        return;
+    }
+    const double deadline = clock_->now() + seconds;
+    for (;;) {
+        runOnce();
+        double now = clock_->now();
+        if (now >= deadline) return;
+        double wait = deadline - now;
+        {
+            std::unique_lock lock(mutex_);
+            for (const auto& i : items_) wait = std::min(wait, std::max(0.0, i.due - now));
+            if (wait > 0)
+                wake_.wait_for(lock, std::chrono::duration<double>(std::min(wait, 0.05)));
+        }
+    }
+}
+
+}  // namespace tessrakite::platform

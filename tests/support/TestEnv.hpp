@@ -1,0 +1,60 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <tessrakite/platform/Bundle.hpp>
+#include <tessrakite/platform/PlistValue.hpp>
+
+namespace tessrakite::test {
+
+/// A scratch TESSRA_HOME for one test, removed afterwards.
+class ScopedHome {
+public:
+    ScopedHome();
+    ~ScopedHome();
+    ScopedHome(const ScopedHome&) = delete;
+    ScopedHome& operator=(const ScopedHome&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+    std::string previous_;
+    bool hadPrevious_ = false;
+};
+
+/// Writes an app bundle folder with an Info.plist; returns the folder.
+std::filesystem::path makeBundle(const std::filesystem::path& folder, const PlistDictionary& info);
+/// Writes "<root>/<name>.app" with the given identifier (and extra keys) and makes it the
+/// main bundle of this process.
+std::shared_ptr<platform::Bundle> installMainBundle(const std::filesystem::path& root,
+                                                    const std::string& identifier = "com.example.sample",
+                                                    PlistDictionary extra = {});
+
+/// Captures console lines while alive; restores the default sink afterwards.
+class ConsoleCapture {
+public:
+    ConsoleCapture();
+    ~ConsoleCapture();
+    std::vector<std::string> lines() const;
+    bool contains(const std::string& line) const;
+    std::size_t count(const std::string& line) const;
+    void clear();
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    std::shared_ptr<State> state_;
+};
+
+/// Path of a file under tests/data.
+std::filesystem::path testData(const std::string& name);
+/// Path of a built executable under build/bin.
+std::filesystem::path binary(const std::string& name);
+
+}  // namespace tessrakite::test
