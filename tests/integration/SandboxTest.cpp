@@ -81,6 +81,11 @@ public:
         posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
         std::vector<std::string> words{binary};
         words.insert(words.end(), arguments.begin(), arguments.end());
+        // Without one the sandbox makes a temporary state folder and keeps it; give it ours.
+        if (std::find(arguments.begin(), arguments.end(), "--state") == arguments.end()) {
+            ownState_ = std::make_unique<TempFolder>();
+            words.insert(words.end(), {"--state", ownState_->path().string()});
+        }
         std::vector<char*> argv;
         for (auto& word : words) argv.push_back(word.data());
         argv.push_back(nullptr);
@@ -219,6 +224,7 @@ private:
         }
     }
 
+    std::unique_ptr<TempFolder> ownState_;
     pid_t pid_ = -1;
     int out_ = -1;
     bool ready_ = false;
