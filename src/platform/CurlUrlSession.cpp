@@ -47,9 +47,8 @@ bool isHashedCertificateDirectory(const char* dir) {
     std::error_code ec;
     for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
         const std::string name = entry.path().filename().string();
-        if (name.size() >= 10 && name[8] == '.' &&
-            std::all_of(name.begin(), name.begin() + 8, [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); }))
-            return true;
+        auto hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
+        if (name.size() >= 10 && name[8] == '.' && std::all_of(name.begin(), name.begin() + 8, hex)) return true;
     }
     return false;
 }
@@ -442,8 +441,9 @@ struct CurlUrlSession::State {
             int running = 0;
             curl_multi_perform(self->multi, &running);
             self->collectFinished();
-            // Returns early on socket activity, libcurl's own timers, or curl_multi_wakeup.
-            curl_multi_poll(self->multi, nullptr, 0, 1000, nullptr);
+            // Returns early on socket activity, libcurl's own timers, or curl_multi_wakeup,
+            // so the timeout only bounds how long an idle worker sleeps.
+            curl_multi_poll(self->multi, nullptr, 0, 10000, nullptr);
         }
         self->cancelEverything();
         currentWorker = nullptr;

@@ -85,7 +85,8 @@ struct Route {
 };
 
 bool pathMatches(const std::string& pattern, const std::string& path) {
-    if (!pattern.empty() && pattern.back() == '*') return path.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
+    if (!pattern.empty() && pattern.back() == '*')
+        return path.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
     return pattern == path;
 }
 

@@ -64,7 +64,8 @@ struct Answer {
 ///
 /// A route is a method and a path; a path ending in "*" matches by prefix. The answers
 /// queued with onSequence come first, in order; then the route's fixed answer or
-/// callback; an unscripted request gets 404. Thread-safe.
+/// callback; an unscripted request gets 404. Like many servers, it compresses text and
+/// JSON answers for clients that accept it (the session decodes them). Thread-safe.
 class FakeBackend {
 public:
     struct Options {

@@ -211,7 +211,8 @@ TEST_F(UrlSessionTest, SequentialRequestsReuseOneConnection) {
             SCOPED_TRACE(std::string(https ? "https " : "http ") + name(path));
             backend.clearRequests();
             for (int i = 0; i < 3; ++i) {
-                UrlResult result = exchange(*session, path, request((https ? backend.httpsBase() : backend.httpBase()) + "/ping"));
+                UrlResult result =
+                    exchange(*session, path, request((https ? backend.httpsBase() : backend.httpBase()) + "/ping"));
                 ASSERT_FALSE(result.error) << result.error->message;
             }
             auto seen = backend.requests();
@@ -326,8 +327,8 @@ TEST_F(UrlSessionTest, ADroppedConnectionIsATransportErrorWithoutResponse) {
     for (bool https : {false, true}) {
         for (Path path : {Path::dataTask, Path::synchronous}) {
             SCOPED_TRACE(std::string(https ? "https " : "http ") + name(path));
-            UrlResult result =
-                exchange(*session, path, request((https ? backend.httpsBase() : backend.httpBase()) + "/drop", "POST", "{}"));
+            UrlResult result = exchange(
+                *session, path, request((https ? backend.httpsBase() : backend.httpBase()) + "/drop", "POST", "{}"));
             ASSERT_TRUE(result.error);
             EXPECT_GT(result.error->code, 0) << result.error->message;
             EXPECT_FALSE(result.response);
@@ -434,7 +435,8 @@ TEST_F(UrlSessionTest, SynchronousSendsRunConcurrentlyFromManyThreads) {
         });
     }
     // And data tasks at the same time.
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(fetch(*session, request(backend.httpsBase() + "/crash", "POST")).result.error);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(fetch(*session, request(backend.httpsBase() + "/crash", "POST")).result.error);
     for (auto& t : threads) t.join();
     EXPECT_EQ(succeeded.load(), 18);
     EXPECT_EQ(backend.requests().size(), 21u);
@@ -463,7 +465,8 @@ TEST_F(UrlSessionTest, InFlightCountsATaskUntilItsCompletionHasReturned) {
 
 TEST_F(UrlSessionTest, AThrowingCompletionDoesNotStopTheSession) {
     backend.on("GET", "/x", Answer::text("x"));
-    session->dataTask(request(backend.httpsBase() + "/x"), [](const UrlResult&) { throw std::runtime_error("host bug"); });
+    session->dataTask(request(backend.httpsBase() + "/x"),
+                      [](const UrlResult&) { throw std::runtime_error("host bug"); });
     ASSERT_TRUE(session->waitIdle(30.0));
     EXPECT_FALSE(fetch(*session, request(backend.httpsBase() + "/x")).result.error);
 }
