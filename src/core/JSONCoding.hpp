@@ -63,7 +63,7 @@ void decodeValue(const Json& json, std::vector<T>& out) {
         try {
             if (element.is_null())
                 throw DecodingError(DecodingError::Kind::valueNotFound,
-                                    std::string("Expected ") + typeName<T>() + " but found null instead.");
+                                    std::string("Expected ") + typeName<T>() + " value but found null instead.");
             T value{};
             decodeValue(element, value);
             out.push_back(std::move(value));
