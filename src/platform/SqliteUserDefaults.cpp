@@ -1,9 +1,7 @@
 #include "platform/SqliteUserDefaults.hpp"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -220,8 +218,7 @@ public:
 
     /// Reads the header; true when it differs from the last acknowledged one.
     bool changed() {
-        for (std::size_t i = 0; i < kWords; ++i) seen_[i] = __atomic_load_n(header_ + i, __ATOMIC_RELAXED);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        for (std::size_t i = 0; i < kWords; ++i) seen_[i] = __atomic_load_n(header_ + i, __ATOMIC_ACQUIRE);
         return !acknowledged_ || *acknowledged_ != seen_;
     }
     /// The header read by the last changed() has been accounted for. It was read before
