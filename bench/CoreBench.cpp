@@ -40,6 +40,7 @@ struct RawCurl {
     RawCurl() {
         curl_easy_setopt(easy, CURLOPT_CAINFO, test::testCaFile().c_str());
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discard);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");  // the same request headers as the SDK's
     }
     ~RawCurl() {
         curl_slist_free_all(headers);

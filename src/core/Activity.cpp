@@ -65,8 +65,10 @@ void TessraQuill::tessraSendActivity(std::int64_t code, const std::map<std::stri
 
 void TessraQuill::tessraSendGeneralActivity(std::int64_t code) {
     if (!analyticsOn()) return;
-    ActivityBody body(code, "activity", currentSession());
-    tessraRequest().sendTessraActivity(body, nullptr);
+    detail::onUtilityQueue([code] {
+        ActivityBody body(code, "activity", currentSession());
+        tessraRequest().sendTessraActivity(body, nullptr);
+    });
 }
 
 void TessraQuill::tessraSendActivitySwizzle(std::int64_t code, const std::string& page) {
@@ -76,14 +78,17 @@ void TessraQuill::tessraSendActivitySwizzle(std::int64_t code, const std::string
         std::lock_guard lock(facade().mutex);
         facade().referrerPage = std::exchange(facade().currentPage, page);
     }
-    auto& defaults = *storageManager().defaultStorage;
-    defaults.update(rawValue(StorageKey::visitedPCount), [](std::optional<PlistValue> current) {
-        std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
-        return std::optional<PlistValue>(PlistValue(value + 1));
+    // Screens appear on the main thread: the count, the body and the post happen off it.
+    detail::onUtilityQueue([code, page] {
+        auto& defaults = *storageManager().defaultStorage;
+        defaults.update(rawValue(StorageKey::visitedPCount), [](std::optional<PlistValue> current) {
+            std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
+            return std::optional<PlistValue>(PlistValue(value + 1));
+        });
+        defaults.synchronize();
+        ActivityBody body(code, page, currentSession());
+        tessraRequest().sendTessraActivityOpen(body, nullptr);
     });
-    defaults.synchronize();
-    ActivityBody body(code, page, currentSession());
-    tessraRequest().sendTessraActivityOpen(body, nullptr);
 }
 
 void TessraQuill::sendCustomEvent(const std::string& key, const PlistValue& value) {
@@ -91,12 +96,15 @@ void TessraQuill::sendCustomEvent(const std::string& key, const PlistValue& valu
         if (!analyticsOn()) return;
         // A dictionary goes as it is; any other value is wrapped so the event still has one.
         PlistValue dictionary = value.asDictionary() ? value : PlistValue(PlistDictionary{{"value", value}});
-        ActivityBody body(ActivityCode::open, key, currentSession());
-        body.msg = key;
-        body.e = ordered_json::object();
-        body.e[key] = dictionary.toJSON();
-        tessraRequest().sendTessraActivityOpen(body, [](const auto& response, const auto&) {
-            if (!isCreated(response)) Console::print("error from custom event");
+        auto e = ordered_json::object();
+        e[key] = dictionary.toJSON();
+        detail::onUtilityQueue([key, e] {
+            ActivityBody body(ActivityCode::open, key, currentSession());
+            body.msg = key;
+            body.e = e;
+            tessraRequest().sendTessraActivityOpen(body, [](const auto& response, const auto&) {
+                if (!isCreated(response)) Console::print("error from custom event");
+            });
         });
     } catch (const std::exception& e) {
         Console::print(std::string("error from custom event ") + e.what());

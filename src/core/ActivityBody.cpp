@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/core/Device.hpp>
@@ -111,14 +112,37 @@ void from_json(const ordered_json& j, UserAgent& ua) {
 // ---- AppContext ----
 
 AppContext AppContext::current() {
+    // Everything but the clock-dependent and screen-dependent values is fixed for a given
+    // app bundle and platform, so it is worked out once, not for every report.
+    struct Cached {
+        std::mutex mutex;
+        std::weak_ptr<platform::Bundle> bundle;
+        std::weak_ptr<platform::Platform> platform;
+        std::optional<AppContext> context;
+    };
+    static Cached cache;
+    auto bundle = platform::Bundle::main();
+    auto platform = platform::currentPlatform();
     AppContext c;
-    c.bundleIdentifier = StorageManager::bundleId();
-    c.appVersion = platform::Bundle::main()->string("CFBundleShortVersionString").value_or("");
-    c.sdkVersion = TESSRA_SDK_VERSION_STRING;
-    c.model = Device().getDeviceModel();
-    c.lang = languageCode();
-    c.tmz = utcOffsetMinutes(platform::currentPlatform()->clock->now());
-    c.ua = UserAgent::current();
+    {
+        std::lock_guard lock(cache.mutex);
+        if (!cache.context || cache.bundle.lock() != bundle || cache.platform.lock() != platform) {
+            AppContext fresh;
+            fresh.bundleIdentifier = StorageManager::bundleId();
+            fresh.appVersion = bundle->string("CFBundleShortVersionString").value_or("");
+            fresh.sdkVersion = TESSRA_SDK_VERSION_STRING;
+            fresh.model = Device().getDeviceModel();
+            fresh.lang = languageCode();
+            fresh.ua = UserAgent::current();
+            cache.context = std::move(fresh);
+            cache.bundle = bundle;
+            cache.platform = platform;
+        }
+        c = *cache.context;
+    }
+    c.tmz = utcOffsetMinutes(platform->clock->now());
+    c.ua.sr = sizeText(platform->screen->bounds());
+    c.ua.vp = c.ua.sr;
     return c;
 }
 

@@ -53,6 +53,10 @@ inline std::string storageKey(StorageKey key) { return std::string(rawValue(key)
 /// A Boolean switch from the shared store; absent or another type reads as false.
 bool storedSwitch(const StorageManager& storage, StorageKey key);
 
+/// Runs report building and store writes in order on the platform's utility queue, so
+/// host calls return at once.
+void onUtilityQueue(std::function<void()> work);
+
 /// Calls the extra completion, if any, outside the facade's lock.
 void callExtraClsr(std::optional<std::int64_t> status, std::optional<std::string> text,
                    std::optional<platform::UrlError> error);

@@ -82,8 +82,12 @@ void SessionHelper::sessionDidEnd() {
     // Hold the terminating app only while reports are still in flight, never past 10 s.
     constexpr double kMaxWait = 10.0;
     auto session = platform->urlSession;
-    std::thread signaller([this, session] {
-        if (session) session->waitIdle(kMaxWait);
+    auto utility = platform->utilityQueue;
+    std::thread signaller([this, session, utility] {
+        const auto start = std::chrono::steady_clock::now();
+        if (utility) utility->waitIdle(kMaxWait);  // reports still being built come first
+        const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (session) session->waitIdle(kMaxWait - spent);
         syncBarrier.release();
     });
     syncBarrier.try_acquire_for(std::chrono::duration<double>(kMaxWait));

@@ -53,6 +53,14 @@ bool storedSwitch(const StorageManager& storage, StorageKey key) {
     return storage.defaultStorage->boolValue(rawValue(key)).value_or(false);
 }
 
+void onUtilityQueue(std::function<void()> work) {
+    auto platform = platform::currentPlatform();
+    if (platform->utilityQueue)
+        platform->utilityQueue->async(std::move(work));
+    else
+        work();
+}
+
 void callExtraClsr(std::optional<std::int64_t> status, std::optional<std::string> text,
                    std::optional<platform::UrlError> error) {
     TessraQuill::ExtraClsr completion;
@@ -141,15 +149,22 @@ void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::sha
 void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
     try {
         if (!config) return;
-        auto& storage = storageManager();
-        updateSession(storage);
         platform::ViewController::exchangeAppearanceHooks(viewDidLoadSwizzlingMethod, viewDidDissapearSwizzlingMethod);
         {
             std::lock_guard lock(facade().mutex);
             facade().config = config;
         }
-        if (!storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false)) setDefaultDomains(storage);
-        if (!config->apiKey().empty()) {
+        // The store writes and the request go to the utility queue, in start-up's order, so
+        // the caller's thread is back at once.
+        detail::onUtilityQueue([config] {
+            auto& storage = storageManager();
+            updateSession(storage);
+            if (!storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false))
+                setDefaultDomains(storage);
+            if (config->apiKey().empty()) {
+                Console::print("\n***************\n Missing ApiKey! \n***************\n");
+                return;
+            }
             tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
                 try {
                     finishStartUp(config, fetched);
@@ -157,9 +172,7 @@ void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
                     Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
                 }
             });
-            return;
-        }
-        Console::print("\n***************\n Missing ApiKey! \n***************\n");
+        });
     } catch (const std::exception& e) {
         Console::print(std::string("TessraQuill: initialize failed: ") + e.what());
     }

@@ -175,6 +175,9 @@ void TessraRequest::viewTrack(const std::string& url) {
 
 void TessraRequest::decreaseCounter(StorageKey counter) {
     StorageManager storage;
+    // Usually nothing to lower: a cached read spares a write transaction per report.
+    auto current = storage.getIntFromStorage(counter);
+    if (!current || *current < 2) return;
     storage.defaultStorage->update(rawValue(counter), [](std::optional<PlistValue> current) {
         if (!current || !current->asInteger() || *current->asInteger() < 2) return current;
         return std::optional<PlistValue>(PlistValue(*current->asInteger() - 1));

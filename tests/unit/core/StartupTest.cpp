@@ -164,7 +164,12 @@ TEST_F(Startup, InvalidConfigurationBaseIsAFatalStop) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     storage().set(StorageKey::reg, true);
     storage().set(StorageKey::configUrl, "not a url");
-    EXPECT_DEATH(TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).build()), "Fatal error: ");
+    EXPECT_DEATH(
+        {
+            TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).build());
+            pump();
+        },
+        "Fatal error: ");
 }
 
 TEST(HttpDate, IsGmtWithEnglishNames) {
