@@ -132,6 +132,9 @@ AppContext AppContext::current() {
             fresh.appVersion = bundle->string("CFBundleShortVersionString").value_or("");
             fresh.sdkVersion = TESSRA_SDK_VERSION_STRING;
             fresh.model = Device().getDeviceModel();
+            fresh.osName = platform->device->systemName();
+            fresh.osVersion = platform->device->systemVersion();
+            fresh.vendor = platform->device->vendor();
             fresh.lang = languageCode();
             fresh.ua = UserAgent::current();
             cache.context = std::move(fresh);

@@ -167,6 +167,25 @@ void TessraRequest::postActivity(PostKind kind, const ActivityBody& body, Respon
     });
 }
 
+void TessraRequest::sendTessraPushData(const PushBody& body, PushDataCompletion completion) {
+    StorageManager storage;
+    auto request = requestFor(storage.getStringFromStorage(StorageKey::userUrl).value_or(""));
+    if (!request) return;
+    try {
+        request->httpBody = ordered_json(body).dump();
+    } catch (const std::exception& e) {
+        Console::print(std::string("sendTessraPushData ") + e.what());
+        return;
+    }
+    request->httpMethod = "POST";
+    request->setValue("application/json", "Content-Type");
+    send(std::move(*request), [completion](const UrlResult& result) {
+        if (result.response) printBody(result);
+        const bool created = result.response && result.response->statusCode == 201;
+        if (completion) completion(created, result.response, result.error);
+    });
+}
+
 void TessraRequest::viewTrack(const std::string& url) {
     auto request = requestFor(url);
     if (!request) return;

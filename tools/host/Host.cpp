@@ -9,6 +9,9 @@
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Console.hpp>
+#include <tessrakite/push/NotificationObject.hpp>
+#include <tessrakite/push/PCampaignObject.hpp>
+#include <tessrakite/push/PushObj.hpp>
 
 namespace tessra_host {
 
@@ -168,6 +171,48 @@ Json configJson(const TessraConfig& c) {
 Json optionalJson(const std::optional<std::int64_t>& v) { return v ? Json(*v) : Json(nullptr); }
 Json optionalJson(const std::optional<std::string>& v) { return v ? Json(*v) : Json(nullptr); }
 
+Data hexArg(const Json& args, const char* key) {
+    auto text = stringArg(args, key);
+    if (text.size() % 2 != 0) throw BadArguments(std::string("\"") + key + "\" must have an even number of digits");
+    Data bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        auto digit = [&](char c) -> int {
+            if (c >= '0' && c <= '9') return c - '0';
+            if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+            if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+            throw BadArguments(std::string("\"") + key + "\" must be hexadecimal");
+        };
+        bytes.push_back(static_cast<std::uint8_t>(digit(text[i]) * 16 + digit(text[i + 1])));
+    }
+    return bytes;
+}
+
+template <class T>
+void putOptional(Json& j, const char* key, const std::optional<T>& value) {
+    if (value) j[key] = *value;
+}
+
+Json messageJson(const TessraReceivedObject& m) {
+    Json j = Json::object();
+    putOptional(j, "notifId", m.notifId);
+    putOptional(j, "title", m.title);
+    putOptional(j, "body", m.body);
+    putOptional(j, "image", m.image);
+    putOptional(j, "tag", m.tag);
+    putOptional(j, "sound", m.sound);
+    putOptional(j, "badge", m.badge);
+    putOptional(j, "renotify", m.renotify);
+    putOptional(j, "silent", m.silent);
+    putOptional(j, "impTracker", m.impTracker);
+    putOptional(j, "taskId", m.taskId);
+    if (m.actions) {
+        Json actions = Json::array();
+        for (const auto& a : *m.actions) actions.push_back(a);
+        j["actions"] = actions;
+    }
+    return j;
+}
+
 platform::DeviceOrientation orientationNamed(const std::string& name) {
     using O = platform::DeviceOrientation;
     static const std::map<std::string, O> names = {{"unknown", O::unknown},
@@ -197,6 +242,8 @@ Host::Host(Output& output, std::string bundleFolder) : out_(output) {
     platform::setCurrentPlatform(headless_.platform);
     delegate_ = std::make_shared<HostDelegate>(out_);
     TessraQuill::setTessraDelegate(delegate_);
+    // As an app delegate does: the token the platform hands out goes to the SDK.
+    headless_.application->setDeviceTokenHandler([](const Data& token) { TessraQuill::registerToken(token); });
     registerOperations();
 }
 
@@ -363,6 +410,31 @@ void Host::registerOperations() {
     ops["tessraSendGeneralActivity"] = [](const Json& a) {
         TessraQuill::tessraSendGeneralActivity(integerArg(a, "code"));
         return Json(nullptr);
+    };
+
+    // ---- Device token and push payloads ----
+    ops["registerToken"] = [](const Json& a) {
+        TessraQuill::registerToken(hexArg(a, "hex"));
+        return Json(nullptr);
+    };
+    ops["serializeDeviceToken"] = [](const Json& a) {
+        return Json(TessraQuill::serializeDeviceToken(hexArg(a, "hex")));
+    };
+    ops["parsePushObj"] = [](const Json& a) {
+        auto parsed = TessraQuill::parsePushObj(dictionaryArg(a, "userInfo"));
+        if (!parsed) return Json(nullptr);
+        if (const auto* push = std::get_if<PushObj>(&*parsed)) return Json{{"PushObj", Json(*push)}};
+        return Json{{"PCampaignObject", Json(std::get<PCampaignObject>(*parsed))}};
+    };
+    ops["getNotificationContent"] = [](const Json& a) {
+        platform::UNNotificationRequest request;
+        request.identifier = stringArg(a, "identifier");
+        request.content.userInfo = dictionaryArg(a, "userInfo");
+        auto object = TessraQuill::getNotificationContent(request.content.userInfo, request);
+        if (!object) return Json(nullptr);
+        Json messages = Json::array();
+        for (const auto& m : object->notification) messages.push_back(messageJson(m));
+        return messages;
     };
 
     // ---- Notifications (platform answers) ----

@@ -26,6 +26,9 @@ struct TESSRA_EXPORT AppContext {
     std::string appVersion;        // "CFBundleShortVersionString"
     std::string sdkVersion;
     std::string model;             // device model name
+    std::string osName;            // operating system name
+    std::string osVersion;         // operating system version
+    std::string vendor;            // the machine's vendor, or "unknown"
     std::string lang;              // language part of the locale, e.g. "en"
     std::int64_t tmz = 0;          // local offset from UTC in minutes
     UserAgent ua;

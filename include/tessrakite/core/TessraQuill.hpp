@@ -81,6 +81,13 @@ public:
     /// accepted map and the retry counter alone.
     static void sendCustomTestTrack(const PlistDictionary& values, ExtraClsr completion);
 
+    // ---- Device token ----
+    /// The host passes the raw token from its remote-notification registration.
+    static void registerToken(const Data& deviceToken);
+    /// Two lower-case hexadecimal digits per byte.
+    static std::string serializeDeviceToken(const Data& deviceToken);
+    static void tessraSendUser(const std::string& token);
+
     // ---- Reminders ----
     static void cancelScheduledNotifications();
 

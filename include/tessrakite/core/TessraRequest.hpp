@@ -9,6 +9,7 @@
 #include <tessrakite/core/ActivityBody.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
+#include <tessrakite/push/PushBody.hpp>
 #include <tessrakite/platform/UrlSession.hpp>
 
 namespace tessrakite {
@@ -28,6 +29,10 @@ public:
     void sendTessraActivityInstall(const ActivityBody& body, ResponseCompletion completion);
     void sendTessraActivityOpen(const ActivityBody& body, ResponseCompletion completion);
     void sendTessraActivity(const ActivityBody& body, ResponseCompletion completion);
+    /// Posts the user record; only a 201 counts as success.
+    using PushDataCompletion = std::function<void(bool success, const std::optional<platform::HttpResponse>&,
+                                                  const std::optional<platform::UrlError>&)>;
+    void sendTessraPushData(const PushBody& body, PushDataCompletion completion);
     /// Fire-and-forget GET.
     void viewTrack(const std::string& url);
     /// Lowers the counter by one, never below 1.
