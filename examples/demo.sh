@@ -1,7 +1,82 @@
 #!/usr/bin/env bash
-# Smoke tour until the sample host lands: runs the example host against the built SDK.
+# The demo tour: starts tessra-sandbox, plays examples/tour.jsonl through tessra-host on a
+# fresh TESSRA_HOME, and narrates it (examples/narrate.py). `./run demo` builds first.
+# TESSRA_DEMO_KEEP=1 keeps the work folder (sandbox state, request log, TESSRA_HOME).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-export TESSRA_HOME="${TESSRA_HOME:-$(mktemp -d)}"
-echo "TessraKite demo (TESSRA_HOME=$TESSRA_HOME)"
-build/bin/tessra-smoke
+
+bin=build/bin
+for tool in tessra-sandbox tessra-host tessra-defaults; do
+  if [ ! -x "$bin/$tool" ]; then
+    echo "demo: $bin/$tool is not built; run ./run demo" >&2
+    exit 1
+  fi
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-demo-XXXXXX")
+sandbox_pid=""
+narrator_pid=""
+
+stop_sandbox() {
+  [ -n "$sandbox_pid" ] || return 0
+  kill -TERM "$sandbox_pid" 2>/dev/null || true
+  # Bounded: a sandbox that does not stop within 10 s is killed.
+  for _ in $(seq 100); do
+    kill -0 "$sandbox_pid" 2>/dev/null || break
+    # An ended sandbox stays a zombie until the wait below reaps it.
+    state=$(sed -n 's/^[0-9]* ([^)]*) \(.\).*/\1/p' "/proc/$sandbox_pid/stat" 2>/dev/null || true)
+    [ "$state" = Z ] && break
+    sleep 0.1
+  done
+  kill -KILL "$sandbox_pid" 2>/dev/null || true
+  wait "$sandbox_pid" 2>/dev/null || true
+  sandbox_pid=""
+}
+
+cleanup() {
+  if [ -n "$narrator_pid" ]; then
+    # It ends its hosts when told to stop.
+    kill -TERM "$narrator_pid" 2>/dev/null || true
+    wait "$narrator_pid" 2>/dev/null || true
+  fi
+  stop_sandbox
+  if [ "${TESSRA_DEMO_KEEP:-}" = 1 ]; then
+    echo "demo: kept $work"
+  else
+    rm -rf "$work"
+  fi
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+"$bin/tessra-sandbox" --state "$work/sandbox" >"$work/sandbox.log" 2>"$work/sandbox.err" &
+sandbox_pid=$!
+
+for _ in $(seq 300); do
+  grep -q '^# ready' "$work/sandbox.log" 2>/dev/null && break
+  if ! kill -0 "$sandbox_pid" 2>/dev/null; then
+    echo "demo: tessra-sandbox did not start:" >&2
+    cat "$work/sandbox.err" >&2
+    exit 1
+  fi
+  sleep 0.1
+done
+if ! grep -q '^# ready' "$work/sandbox.log"; then
+  echo "demo: tessra-sandbox was not ready within 30 s" >&2
+  exit 1
+fi
+eval "$(grep '^export ' "$work/sandbox.log")"
+
+echo "TessraKite demo tour"
+echo "   sandbox: https://$TESSRA_TRACKING_HOST (tracking, configuration) and http://$TESSRA_AD_HOST (ads, crash uploads)"
+echo "   TESSRA_HOME: $work/home"
+
+# In the background so that a stop signal reaches the traps at once, not after the tour.
+python3 examples/narrate.py --bin "$bin" --tour examples/tour.jsonl \
+  --requests "$work/sandbox/requests.jsonl" --home "$work/home" --sandbox-pid "$sandbox_pid" &
+narrator_pid=$!
+status=0
+wait "$narrator_pid" || status=$?
+narrator_pid=""
+exit "$status"
