@@ -17,6 +17,7 @@ import argparse
 import json
 import os
 import queue
+import resource
 import signal
 import socket
 import subprocess
@@ -128,9 +129,9 @@ def describe_request(record):
 class Host:
     """tessra-host as a child process; its stdout and stderr lines arrive on one queue."""
 
-    def __init__(self, binary, env):
-        self.proc = subprocess.Popen([binary], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, env=env)
+    def __init__(self, binary, env, cwd):
+        self.proc = subprocess.Popen([os.path.abspath(binary)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, env=env, cwd=cwd)
         self.events = queue.Queue()
         self.open_streams = 2
         for stream, name in ((self.proc.stdout, "stdout"), (self.proc.stderr, "stderr")):
@@ -290,7 +291,8 @@ class Narrator:
     def start_host(self):
         self.end_host()
         self.hosts_started += 1
-        self.host = Host(self.host_binary, dict(os.environ, TESSRA_HOME=self.args.home))
+        os.makedirs(self.args.home, exist_ok=True)
+        self.host = Host(self.host_binary, dict(os.environ, TESSRA_HOME=self.args.home), cwd=self.args.home)
         out(f"   (tessra-host starts: run {self.hosts_started} on this TESSRA_HOME, pid {self.host.proc.pid})")
 
     def end_host(self, expect_crash=False):
@@ -398,7 +400,8 @@ class Narrator:
         records = self.log.all
         reports = [body_json(r) for r in records if r.get("path") == "/v2/activity" and r.get("method") == "POST"]
         reports = [r for r in reports if isinstance(r, dict)]
-        out(f"   The sandbox received {len(records)} requests; {len(reports)} were activity reports:")
+        out(f"   The sandbox received {len(records)} requests; {len(reports)} were activity reports"
+            + (":" if reports else "."))
         by_code = {}
         for report in reports:
             by_code.setdefault(report.get("code"), []).append(str(report.get("u")))
@@ -454,6 +457,8 @@ def main():
     parser.add_argument("--sandbox-pid", type=int, default=0, help="the sandbox, for the offline part")
     args = parser.parse_args()
 
+    # The crash part crashes hosts on purpose: no core files.
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     # A stop from outside still ends the hosts (the finally below).
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     narrator = Narrator(args)
