@@ -143,7 +143,9 @@ void formatSignalReport(FixedWriter& out, const SignalContext& context, int sign
 }
 
 void writeReportSafely(const SignalContext& context, const char* data, std::size_t length) {
-    for (const auto& folder : context.folders) ::mkdir(folder.c_str(), 0700);
+    // Usually the folder is there; its parents are made only when it is not.
+    if (!context.folders.empty() && ::mkdir(context.folders.back().c_str(), 0700) != 0 && errno == ENOENT)
+        for (const auto& folder : context.folders) ::mkdir(folder.c_str(), 0700);
     static char tempName[8192];
     FixedWriter name(tempName, sizeof tempName);
     name.append(context.tempPrefix);
