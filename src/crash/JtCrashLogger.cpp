@@ -70,10 +70,9 @@ void onTerminate() {
     auto previous = gPreviousTerminate.load();
     if (auto exception = std::current_exception()) JtCrashLogger::exceptionCallback(exception);
     // End the way the process would have ended without us.
-    if (previous)
-        previous();
-    else
-        std::abort();
+    if (previous) previous();
+    // A terminate handler must not return.
+    std::abort();
 }
 
 std::optional<std::string> reasonOf(const std::exception_ptr& exception) {
@@ -114,7 +113,8 @@ bool JtCrashLogger::registerLogger() {
         const auto& context = crash::prepareSignalContext();
         void* warmUp[4];
         ::backtrace(warmUp, 4);
-        crash::FixedWriter dryRun(gReport, sizeof gReport);
+        char dryRunBuffer[4096];
+        crash::FixedWriter dryRun(dryRunBuffer, sizeof dryRunBuffer);
         crash::formatSignalReport(dryRun, context, 0, nullptr, warmUp, 0);
         (void)getLogPath();
 

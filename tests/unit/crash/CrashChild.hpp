@@ -90,18 +90,4 @@ inline std::vector<std::string> splitLines(const std::string& text) {
     }
 }
 
-/// True when the test binary runs under a sanitizer that owns malloc.
-constexpr bool kSanitizedAllocator =
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    true;
-#else
-    false;
-#endif
-#else
-    false;
-#endif
-
 }  // namespace tessrakite::test
