@@ -44,13 +44,17 @@ void raiseIll() { ::raise(SIGILL); }
 void raiseSegv() { ::raise(SIGSEGV); }
 void raiseTrap() { ::raise(SIGTRAP); }
 
+// Faulting stores stay out of sanitizer instrumentation, which would touch its own
+// shadow memory first and fault elsewhere.
+#define TESSRA_UNINSTRUMENTED __attribute__((no_sanitize_undefined, no_sanitize_address, no_sanitize_thread))
+
 int* volatile gNullPointer = nullptr;
-__attribute__((no_sanitize_undefined)) void writeNull() { *gNullPointer = 42; }
+TESSRA_UNINSTRUMENTED void writeNull() { *gNullPointer = 42; }
 
 // A store into our own machine code faults with the function's address.
 __attribute__((noinline)) void faultTarget() { asm volatile(""); }
 void (*volatile gFaultTarget)() = &faultTarget;
-void writeCode() { *reinterpret_cast<volatile char*>(gFaultTarget) = 0; }
+TESSRA_UNINSTRUMENTED void writeCode() { *reinterpret_cast<volatile char*>(gFaultTarget) = 0; }
 const void* codeAddress() { return reinterpret_cast<const void*>(gFaultTarget); }
 const void* nullAddress() { return nullptr; }
 
