@@ -6,3 +6,10 @@ find_package(SQLite3 REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+
+# cpp-httplib (Debian's build, compiled against OpenSSL, zlib and brotli) serves the sandbox
+# tool and the tests' fake backend.
+if((TESSRA_BUILD_TESTS OR TESSRA_BUILD_TOOLS) AND NOT TARGET PkgConfig::HTTPLIB)
+  find_package(OpenSSL 3 REQUIRED)
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+endif()

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <tessrakite/platform/headless/HeadlessPlatform.hpp>
+
+namespace tessrakite::platform::headless {
+namespace {
+
+struct Recorded {
+    std::vector<std::string> names;
+    std::vector<nlohmann::ordered_json> args;
+};
+
+class HeadlessPlatformTest : public ::testing::Test {
+protected:
+    HeadlessPlatformTest() {
+        clock = std::make_shared<ManualClock>(1'000.0);
+        h = makeHeadlessPlatform({clock, nullptr});
+        h.effects->setSink([this](const std::string& name, const nlohmann::ordered_json& a) {
+            recorded.names.push_back(name);
+            recorded.args.push_back(a);
+        });
+    }
+    std::shared_ptr<ManualClock> clock;
+    Headless h;
+    Recorded recorded;
+};
+
+TEST_F(HeadlessPlatformTest, AuthorizationAnswersAreTheInjectedOnes) {
+    struct Case {
+        bool granted;
+        UNAuthorizationStatus status;
+    };
+    for (const auto& c : {Case{true, UNAuthorizationStatus::authorized}, Case{false, UNAuthorizationStatus::denied}}) {
+        h.userNotificationCenter->setAuthorizationAnswer(c.granted, c.status);
+        std::optional<bool> granted;
+        std::optional<UNAuthorizationStatus> status;
+        h.userNotificationCenter->requestAuthorization(
+            UNAuthorizationOptions::alert | UNAuthorizationOptions::badge | UNAuthorizationOptions::sound,
+            [&](bool g, std::optional<std::string>) { granted = g; });
+        h.userNotificationCenter->getNotificationSettings([&](UNNotificationSettings s) { status = s.authorizationStatus; });
+        EXPECT_FALSE(granted.has_value()) << "completions wait for the main queue";
+        h.platform->runLoop->runUntilIdle(1.0);
+        EXPECT_EQ(granted, c.granted);
+        EXPECT_EQ(status, c.status);
+    }
+    EXPECT_EQ(h.userNotificationCenter->lastAuthorizationOptions(), 7u);
+}
+
+TEST_F(HeadlessPlatformTest, TimeIntervalTriggersFireWhenTheRunLoopReachesThem) {
+    UNNotificationRequest request;
+    request.identifier = "reminder";
+    request.content.title = "Come back";
+    request.trigger = UNTimeIntervalNotificationTrigger{60, false};
+    h.userNotificationCenter->add(request, nullptr);
+    h.platform->runLoop->runFor(59);
+    EXPECT_EQ(h.userNotificationCenter->pending().size(), 1u);
+    EXPECT_TRUE(h.userNotificationCenter->delivered().empty());
+    h.platform->runLoop->runFor(2);
+    EXPECT_TRUE(h.userNotificationCenter->pending().empty());
+    ASSERT_EQ(h.userNotificationCenter->delivered().size(), 1u);
+    EXPECT_DOUBLE_EQ(h.userNotificationCenter->delivered()[0].date, 1'060.0);
+
+    // A removed request never fires.
+    request.identifier = "cancelled";
+    h.userNotificationCenter->add(request, nullptr);
+    h.userNotificationCenter->removePendingNotificationRequests({"cancelled"});
+    h.platform->runLoop->runFor(120);
+    EXPECT_EQ(h.userNotificationCenter->delivered().size(), 1u);
+    ASSERT_GE(recorded.names.size(), 3u);
+    EXPECT_EQ(recorded.names[0], "notificationAdded");
+    EXPECT_EQ(recorded.args[0]["trigger"]["interval"], 60.0);
+    EXPECT_EQ(recorded.args[0]["content"]["title"], "Come back");
+}
+
+TEST_F(HeadlessPlatformTest, ApplicationEffectsAreObservable) {
+    Data received;
+    h.application->setDeviceTokenHandler([&](const Data& token) { received = token; });
+    h.application->registerForRemoteNotifications();
+    h.platform->runLoop->runUntilIdle(1.0);
+    EXPECT_EQ(received.size(), 32u);
+    h.application->setApplicationIconBadgeNumber(3);
+    auto url = Url::parse("https://example.com/a?b=c");
+    ASSERT_TRUE(url);
+    h.application->open(*url, nullptr);
+    EXPECT_TRUE(h.application->canOpenURL(*url));
+    EXPECT_FALSE(h.application->canOpenURL(*Url::parse("myapp://deep/link")));
+    auto task = h.application->beginBackgroundTask("ksession", nullptr);
+    EXPECT_EQ(h.application->activeBackgroundTasks(), std::vector<std::string>{"ksession"});
+    h.application->endBackgroundTask(task);
+    EXPECT_TRUE(h.application->activeBackgroundTasks().empty());
+    EXPECT_EQ(recorded.names, (std::vector<std::string>{"registerForRemoteNotifications", "badge", "openURL"}));
+    EXPECT_EQ(recorded.args[2]["url"], "https://example.com/a?b=c");
+}
+
+TEST_F(HeadlessPlatformTest, LifecycleObserversRunUntilRemoved) {
+    int calls = 0;
+    auto token = h.notificationCenter->addObserver(AppNotification::didBecomeActive, [&] { ++calls; });
+    h.notificationCenter->post(AppNotification::didBecomeActive);
+    h.notificationCenter->post(AppNotification::willResignActive);
+    h.notificationCenter->removeObserver(token);
+    h.notificationCenter->post(AppNotification::didBecomeActive);
+    EXPECT_EQ(calls, 1);
+}
+
+}  // namespace
+}  // namespace tessrakite::platform::headless
