@@ -30,6 +30,9 @@ public:
     /// Writes are already durable; kept for callers written against the platform store.
     virtual bool synchronize() { return true; }
 
+    // Typed reads: nothing for a missing key or a value of another type. A Bool is never
+    // an integer nor an integer a Bool; doubleValue also reads an integer (as the
+    // platform store does), integer never reads a double.
     std::optional<bool> boolValue(std::string_view key);
     std::optional<std::int64_t> integer(std::string_view key);
     std::optional<double> doubleValue(std::string_view key);

@@ -1,0 +1,178 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+namespace tessrakite {
+
+/// The keys of the shared store. The application and its extensions agree on these
+/// names; never rename a raw value.
+enum class StorageKey {
+    reg,
+    tags,
+    url,
+    wd,
+    t,
+    contentExt,
+    notif,
+    mavo,
+    eEndpoint,
+    utm,
+    tok,
+    badge,
+    pushReg,
+    unscToken,
+    exPaDict,
+    beaconInterval,
+    openCounter,
+    autoconf,
+    adx,
+    lastModified,
+    crash,
+    analytics,
+    push,
+    geofence,
+    beacon,
+    custom,
+    location,
+    appVersion,
+    sdkVersion,
+    category,
+    schId,
+    schInt,
+    notificationText,
+    sessionNum,
+    sessionId,
+    visitedPCount,
+    uniqSessionId,
+    uniqSessionFirstTime,
+    userId,
+    partnerId,
+    appOpenSavedAt,
+    appOpnImgPth,
+    appOpnCpts,
+    configUrl,
+    userUrl,
+    activityUrl,
+    crashUrl,
+    consent,
+};
+
+/// Every key, in declaration order.
+inline constexpr std::array<StorageKey, 48> allStorageKeys = {
+    StorageKey::reg,
+    StorageKey::tags,
+    StorageKey::url,
+    StorageKey::wd,
+    StorageKey::t,
+    StorageKey::contentExt,
+    StorageKey::notif,
+    StorageKey::mavo,
+    StorageKey::eEndpoint,
+    StorageKey::utm,
+    StorageKey::tok,
+    StorageKey::badge,
+    StorageKey::pushReg,
+    StorageKey::unscToken,
+    StorageKey::exPaDict,
+    StorageKey::beaconInterval,
+    StorageKey::openCounter,
+    StorageKey::autoconf,
+    StorageKey::adx,
+    StorageKey::lastModified,
+    StorageKey::crash,
+    StorageKey::analytics,
+    StorageKey::push,
+    StorageKey::geofence,
+    StorageKey::beacon,
+    StorageKey::custom,
+    StorageKey::location,
+    StorageKey::appVersion,
+    StorageKey::sdkVersion,
+    StorageKey::category,
+    StorageKey::schId,
+    StorageKey::schInt,
+    StorageKey::notificationText,
+    StorageKey::sessionNum,
+    StorageKey::sessionId,
+    StorageKey::visitedPCount,
+    StorageKey::uniqSessionId,
+    StorageKey::uniqSessionFirstTime,
+    StorageKey::userId,
+    StorageKey::partnerId,
+    StorageKey::appOpenSavedAt,
+    StorageKey::appOpnImgPth,
+    StorageKey::appOpnCpts,
+    StorageKey::configUrl,
+    StorageKey::userUrl,
+    StorageKey::activityUrl,
+    StorageKey::crashUrl,
+    StorageKey::consent,
+};
+
+/// The persisted name of a key ("tx_reg", ...).
+constexpr std::string_view rawValue(StorageKey key) {
+    constexpr std::array<std::string_view, allStorageKeys.size()> names = {
+        "tx_reg",
+        "tx_tags",
+        "tx_url",
+        "tx_wd",
+        "tx_t",
+        "tx_contentExt",
+        "tx_notif",
+        "tx_mavo",
+        "tx_eEndpoint",
+        "tx_utm",
+        "tx_tok",
+        "tx_badge",
+        "tx_push_reg",
+        "tx_unsc_token",
+        "tx_ex_pa_dict",
+        "tx_beacon_interval",
+        "tx_openCounter",
+        "tx_autoconf",
+        "tx_adx",
+        "tx_last_modified",
+        "tx_crash",
+        "tx_analytics",
+        "tx_push",
+        "tx_geofence",
+        "tx_beacon",
+        "tx_custom",
+        "tx_location",
+        "tx_appVersion",
+        "tx_sdkVersion",
+        "tx_category",
+        "tx_sch_id",
+        "tx_sch_int",
+        "tx_notification_text",
+        "tx_session_num",
+        "tx_session_id",
+        "tx_visitedPCount",
+        "tx_uniq_session_id",
+        "tx_uniq_session_first_time",
+        "tx_user_id",
+        "tx_partner_id",
+        "tx_app_open_saved_at",
+        "tx_app_opn_img_pth",
+        "tx_app_opn_cpts",
+        "tx_config_url",
+        "tx_user_url",
+        "tx_activity_url",
+        "tx_crash_url",
+        "tx_consent",
+    };
+    auto index = static_cast<std::size_t>(key);
+    return index < names.size() ? names[index] : std::string_view{};
+}
+
+/// The key with the given persisted name, if there is one.
+constexpr std::optional<StorageKey> storageKey(std::string_view rawValue) {
+    for (StorageKey key : allStorageKeys)
+        if (tessrakite::rawValue(key) == rawValue) return key;
+    return std::nullopt;
+}
+
+}  // namespace tessrakite

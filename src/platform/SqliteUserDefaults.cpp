@@ -1,0 +1,705 @@
+#include "platform/SqliteUserDefaults.hpp"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <tessrakite/platform/Console.hpp>
+#include <tessrakite/platform/FileRoots.hpp>
+
+#include "platform/StoredValue.hpp"
+
+namespace tessrakite::platform {
+namespace {
+
+using stored::StoredType;
+using namespace std::chrono_literals;
+
+constexpr const char* kCreateTable =
+    "CREATE TABLE IF NOT EXISTS defaults("
+    "key TEXT PRIMARY KEY NOT NULL, type INTEGER NOT NULL, value) WITHOUT ROWID";
+constexpr const char* kSelect = "SELECT type, value FROM defaults WHERE key = ?1";
+constexpr const char* kSelectAll = "SELECT key, type, value FROM defaults";
+constexpr const char* kUpsert =
+    "INSERT INTO defaults(key, type, value) VALUES(?1, ?2, ?3) "
+    "ON CONFLICT(key) DO UPDATE SET type = excluded.type, value = excluded.value";
+constexpr const char* kDelete = "DELETE FROM defaults WHERE key = ?1";
+
+// A process's cache holds the keys it reads; a host reading arbitrary keys must not grow
+// it without bound.
+constexpr std::size_t kMaxCachedKeys = 4096;
+
+bool isCorruption(int rc) {
+    int primary = rc & 0xFF;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+struct StringHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+template <class V>
+using KeyMap = std::unordered_map<std::string, V, StringHash, std::equal_to<>>;
+
+// Resets a statement when leaving the scope, so no read transaction stays open.
+class ResetOnExit {
+public:
+    explicit ResetOnExit(sqlite3_stmt* s) : s_(s) {}
+    ~ResetOnExit() { sqlite3_reset(s_); }
+    ResetOnExit(const ResetOnExit&) = delete;
+    ResetOnExit& operator=(const ResetOnExit&) = delete;
+
+private:
+    sqlite3_stmt* s_;
+};
+
+int bindText(sqlite3_stmt* s, int index, std::string_view text) {
+    // A null pointer would bind SQL NULL; an empty key or string is still text.
+    return sqlite3_bind_text64(s, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+int bindBlob(sqlite3_stmt* s, int index, const void* bytes, std::size_t size) {
+    return sqlite3_bind_blob64(s, index, bytes ? bytes : "", size, SQLITE_STATIC);
+}
+
+std::optional<PlistValue> columnValue(sqlite3_stmt* s, int typeColumn, int valueColumn) {
+    const int kind = sqlite3_column_type(s, valueColumn);
+    switch (static_cast<StoredType>(sqlite3_column_int64(s, typeColumn))) {
+        case StoredType::boolean:
+            if (kind != SQLITE_INTEGER) return std::nullopt;
+            return PlistValue(sqlite3_column_int64(s, valueColumn) != 0);
+        case StoredType::integer:
+            if (kind != SQLITE_INTEGER) return std::nullopt;
+            return PlistValue(static_cast<long long>(sqlite3_column_int64(s, valueColumn)));
+        case StoredType::real:
+        case StoredType::date: {
+            double d = 0;
+            if (kind == SQLITE_NULL)
+                d = std::numeric_limits<double>::quiet_NaN();
+            else if (kind == SQLITE_FLOAT)
+                d = sqlite3_column_double(s, valueColumn);
+            else
+                return std::nullopt;
+            if (static_cast<StoredType>(sqlite3_column_int64(s, typeColumn)) == StoredType::date)
+                return PlistValue(Date{d});
+            return PlistValue(d);
+        }
+        case StoredType::string: {
+            if (kind != SQLITE_TEXT) return std::nullopt;
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, valueColumn));
+            auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, valueColumn));
+            return PlistValue(std::string(text ? text : "", text ? size : 0));
+        }
+        case StoredType::data: {
+            if (kind != SQLITE_BLOB) return std::nullopt;
+            const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(s, valueColumn));
+            auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, valueColumn));
+            return PlistValue(bytes ? Data(bytes, bytes + size) : Data{});
+        }
+        case StoredType::array:
+        case StoredType::dictionary: {
+            if (kind != SQLITE_BLOB) return std::nullopt;
+            const void* bytes = sqlite3_column_blob(s, valueColumn);
+            auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, valueColumn));
+            auto v = stored::decodeBlob(bytes, size);
+            bool wantArray = static_cast<StoredType>(sqlite3_column_int64(s, typeColumn)) == StoredType::array;
+            if (!v || (wantArray ? !v->asArray() : !v->asDictionary())) return std::nullopt;
+            return v;
+        }
+    }
+    // A type this build does not know (written by a newer one): absent, like any mismatch.
+    return std::nullopt;
+}
+
+// Binds ?2 (type) and ?3 (value). `scratch` holds an encoded container until the
+// statement has run. False when the value cannot be stored.
+bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
+    auto type = [&](StoredType t) { return sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(t)); };
+    switch (v.type()) {
+        case PlistValue::Type::null: return false;
+        case PlistValue::Type::boolean:
+            type(StoredType::boolean);
+            return sqlite3_bind_int64(s, 3, *v.asBool() ? 1 : 0) == SQLITE_OK;
+        case PlistValue::Type::integer:
+            type(StoredType::integer);
+            return sqlite3_bind_int64(s, 3, *v.asInteger()) == SQLITE_OK;
+        case PlistValue::Type::real:
+            type(StoredType::real);
+            return sqlite3_bind_double(s, 3, *v.asReal()) == SQLITE_OK;
+        case PlistValue::Type::date:
+            type(StoredType::date);
+            return sqlite3_bind_double(s, 3, v.asDate()->secondsSince1970) == SQLITE_OK;
+        case PlistValue::Type::string:
+            type(StoredType::string);
+            return bindText(s, 3, *v.asString()) == SQLITE_OK;
+        case PlistValue::Type::data:
+            type(StoredType::data);
+            return bindBlob(s, 3, v.asData()->data(), v.asData()->size()) == SQLITE_OK;
+        case PlistValue::Type::array:
+        case PlistValue::Type::dictionary: {
+            auto blob = stored::encodeBlob(v);
+            if (!blob) return false;
+            scratch = std::move(*blob);
+            type(v.asArray() ? StoredType::array : StoredType::dictionary);
+            return bindBlob(s, 3, scratch.data(), scratch.size()) == SQLITE_OK;
+        }
+    }
+    return false;
+}
+
+// SQLite's default handler sleeps in steps of up to 100 ms. Our transactions last
+// microseconds, so poll often at first: waiting processes then get their turn while the
+// others are still busy, instead of sleeping through the whole burst.
+struct BusyWait {
+    std::chrono::milliseconds timeout;
+    std::chrono::steady_clock::time_point since;
+};
+
+int busyHandler(void* context, int count) {
+    auto* wait = static_cast<BusyWait*>(context);
+    auto now = std::chrono::steady_clock::now();
+    if (count == 0) wait->since = now;
+    if (now - wait->since >= wait->timeout) return 0;
+    std::this_thread::sleep_for(count < 20 ? 100us : count < 200 ? 1ms : 5ms);
+    return 1;
+}
+
+// A lock-free "did any connection commit?" test. Every commit rewrites the WAL-index
+// header at the start of the -shm file (the first 48-byte copy is written last), and its
+// change counter moves with each transaction. While those bytes are unchanged no commit
+// has been published, so the cache is valid without starting a read transaction, which
+// costs two fcntl() calls. When they change, PRAGMA data_version decides.
+class WalHeaderWatch {
+public:
+    static constexpr std::size_t kWords = 12;  // one copy of the header: 48 bytes
+
+    WalHeaderWatch() = default;
+    WalHeaderWatch(const WalHeaderWatch&) = delete;
+    WalHeaderWatch& operator=(const WalHeaderWatch&) = delete;
+    ~WalHeaderWatch() { close(); }
+
+    bool open(const std::filesystem::path& shm) {
+        close();
+        int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) return false;
+        struct stat st {};
+        // SQLite sizes the file in 32 KiB regions; a shorter one is not an index in use.
+        bool usable = ::fstat(fd, &st) == 0 && st.st_size >= 32768;
+        void* map = usable ? ::mmap(nullptr, kMapBytes, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
+        ::close(fd);
+        if (map == MAP_FAILED) return false;
+        map_ = map;
+        header_ = static_cast<const std::uint32_t*>(map);
+        acknowledged_.reset();
+        return true;
+    }
+
+    void close() {
+        if (map_) ::munmap(map_, kMapBytes);
+        map_ = nullptr;
+        header_ = nullptr;
+        acknowledged_.reset();
+    }
+
+    bool active() const { return header_ != nullptr; }
+
+    /// Reads the header; true when it differs from the last acknowledged one.
+    bool changed() {
+        for (std::size_t i = 0; i < kWords; ++i) seen_[i] = __atomic_load_n(header_ + i, __ATOMIC_ACQUIRE);
+        return !acknowledged_ || *acknowledged_ != seen_;
+    }
+    /// The header read by the last changed() has been accounted for. It was read before
+    /// the data version was queried, so a commit in between is seen again next time.
+    void acknowledge() { acknowledged_ = seen_; }
+    void forget() { acknowledged_.reset(); }
+
+private:
+    static constexpr std::size_t kMapBytes = 4096;
+    void* map_ = nullptr;
+    const std::uint32_t* header_ = nullptr;
+    std::array<std::uint32_t, kWords> seen_{};
+    std::optional<std::array<std::uint32_t, kWords>> acknowledged_;
+};
+
+std::string asideName(const std::filesystem::path& file) {
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    char stamp[32] = {};
+    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+    std::string base = file.string() + ".corrupt-" + stamp;
+    std::string name = base;
+    std::error_code ec;
+    for (int n = 2; std::filesystem::exists(name, ec); ++n) name = base + "-" + std::to_string(n);
+    return name;
+}
+
+}  // namespace
+
+struct SqliteUserDefaults::Impl {
+    enum class Opened { ok, corrupt, failed };
+
+    Impl(std::filesystem::path f, const Options& o) : file(std::move(f)), options(o), busy{o.busyTimeout, {}} {}
+    ~Impl() { disconnect(); }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    std::filesystem::path file;
+    Options options;
+    std::mutex mutex;
+
+    sqlite3* db = nullptr;
+    sqlite3_stmt* dataVersionStmt = nullptr;
+    sqlite3_stmt* selectStmt = nullptr;
+    sqlite3_stmt* selectAllStmt = nullptr;
+    sqlite3_stmt* upsertStmt = nullptr;
+    sqlite3_stmt* deleteStmt = nullptr;
+    sqlite3_stmt* beginStmt = nullptr;
+    sqlite3_stmt* commitStmt = nullptr;
+    sqlite3_stmt* rollbackStmt = nullptr;
+    BusyWait busy;
+    WalHeaderWatch walHeader;
+    // The file the connection was opened on, so that recovery never moves aside a
+    // database another process has already put in its place.
+    dev_t fileDevice = 0;
+    ino_t fileInode = 0;
+
+    std::optional<sqlite3_int64> dataVersion;
+    // What this process knows of the store; nullopt records a missing key.
+    KeyMap<std::optional<PlistValue>> cache;
+    // Writes that could not be saved; they win over the file for this process.
+    KeyMap<std::optional<PlistValue>> unsaved;
+
+    // ---- connection ----
+
+    std::string lastError(int rc) const { return db ? sqlite3_errmsg(db) : sqlite3_errstr(rc); }
+
+    Opened classify(int rc, std::string& why) const {
+        why = lastError(rc);
+        return isCorruption(rc) ? Opened::corrupt : Opened::failed;
+    }
+
+    int prepare(const char* sql, sqlite3_stmt** stmt) {
+        return sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, stmt, nullptr);
+    }
+
+    // Runs a one-row pragma and returns its first column as text.
+    int queryText(const char* sql, std::string& out) {
+        sqlite3_stmt* s = nullptr;
+        int rc = sqlite3_prepare_v2(db, sql, -1, &s, nullptr);
+        if (rc == SQLITE_OK) {
+            rc = sqlite3_step(s);
+            if (rc == SQLITE_ROW) {
+                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+                out = text ? text : "";
+                rc = SQLITE_OK;
+            } else if (rc == SQLITE_DONE) {
+                rc = SQLITE_OK;
+            }
+        }
+        sqlite3_finalize(s);
+        return rc;
+    }
+
+    Opened tryConnect(std::string& why) {
+        auto folder = file.parent_path();
+        if (!folder.empty() && !FileRoots::ensureDirectory(folder)) {
+            why = "cannot create the folder " + folder.string();
+            return Opened::failed;
+        }
+        // Create the file ourselves: SQLite gives the -wal and -shm files the mode of the
+        // database, so all three stay private to the user.
+        int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0) {
+            why = std::strerror(errno);
+            return Opened::failed;
+        }
+        struct stat st {};
+        if (::fstat(fd, &st) == 0) {
+            fileDevice = st.st_dev;
+            fileInode = st.st_ino;
+            if (st.st_mode & 077) ::fchmod(fd, st.st_mode & 0700);
+        }
+        ::close(fd);
+
+        int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr);
+        if (rc != SQLITE_OK) return classify(rc, why);
+        sqlite3_extended_result_codes(db, 1);
+        sqlite3_busy_handler(db, busyHandler, &busy);
+
+        std::string journalMode;
+        if ((rc = queryText("PRAGMA journal_mode=WAL", journalMode)) != SQLITE_OK) return classify(rc, why);
+        if ((rc = sqlite3_exec(db, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr)) != SQLITE_OK)
+            return classify(rc, why);
+        if ((rc = sqlite3_exec(db, kCreateTable, nullptr, nullptr, nullptr)) != SQLITE_OK) return classify(rc, why);
+        // The file is small; checking every page at open finds damage before a read trips on it.
+        std::string check;
+        if ((rc = queryText("PRAGMA quick_check(1)", check)) != SQLITE_OK) return classify(rc, why);
+        if (check != "ok") {
+            why = check;
+            return Opened::corrupt;
+        }
+        const std::pair<const char*, sqlite3_stmt**> statements[] = {
+            {"PRAGMA data_version", &dataVersionStmt},
+            {kSelect, &selectStmt},
+            {kSelectAll, &selectAllStmt},
+            {kUpsert, &upsertStmt},
+            {kDelete, &deleteStmt},
+            {"BEGIN IMMEDIATE", &beginStmt},
+            {"COMMIT", &commitStmt},
+            {"ROLLBACK", &rollbackStmt},
+        };
+        for (const auto& [sql, stmt] : statements)
+            if ((rc = prepare(sql, stmt)) != SQLITE_OK) return classify(rc, why);
+
+        if (options.walHeaderPrecheck && journalMode == "wal") walHeader.open(file.string() + "-shm");
+        return Opened::ok;
+    }
+
+    bool connect() {
+        std::string why;
+        Opened result = tryConnect(why);
+        if (result == Opened::corrupt) {
+            disconnect();
+            moveAside(why);
+            result = tryConnect(why);
+        }
+        if (result != Opened::ok) {
+            disconnect();
+            Console::print("UserDefaults: cannot open " + file.string() + ": " + why);
+            return false;
+        }
+        return true;
+    }
+
+    void disconnect() {
+        walHeader.close();
+        for (sqlite3_stmt** s : {&dataVersionStmt, &selectStmt, &selectAllStmt, &upsertStmt, &deleteStmt, &beginStmt,
+                                 &commitStmt, &rollbackStmt}) {
+            sqlite3_finalize(*s);
+            *s = nullptr;
+        }
+        if (db) sqlite3_close_v2(db);
+        db = nullptr;
+        dataVersion.reset();
+    }
+
+    // Renames the damaged database (and its WAL) out of the way. Under a lock on the
+    // folder, and only if the file is still the one we found damaged: when several
+    // processes find the damage, one moves it and the others use its new database.
+    void moveAside(const std::string& why) {
+        int dirfd = ::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirfd >= 0) ::flock(dirfd, LOCK_EX);
+        struct stat st {};
+        if (::stat(file.c_str(), &st) == 0 && st.st_dev == fileDevice && st.st_ino == fileInode) {
+            std::string aside = asideName(file);
+            std::error_code ec;
+            std::filesystem::rename(file, aside, ec);
+            if (ec) {
+                Console::print("UserDefaults: " + file.string() + " is unreadable (" + why +
+                               ") and cannot be moved aside: " + ec.message());
+            } else {
+                // A WAL left next to a new database would be replayed into it.
+                std::error_code ignored;
+                for (const char* suffix : {"-wal", "-journal"})
+                    if (std::filesystem::exists(file.string() + suffix, ignored))
+                        std::filesystem::rename(file.string() + suffix, aside + suffix, ignored);
+                std::filesystem::remove(file.string() + "-shm", ignored);
+                Console::print("UserDefaults: " + file.string() + " was unreadable (" + why + "); moved it to " +
+                               aside + " and started an empty store");
+            }
+        }
+        if (dirfd >= 0) ::close(dirfd);  // releases the lock
+    }
+
+    // A statement reported damage while running: start over on a fresh file.
+    bool recover(int rc) {
+        std::string why = lastError(rc);
+        disconnect();
+        cache.clear();
+        moveAside(why);
+        return connect();
+    }
+
+    // Runs `op` (which returns an SQLite result code) and, when it found the database
+    // damaged, recovers and runs it once more.
+    template <class Op>
+    int withRecovery(Op op) {
+        if (!db) return SQLITE_CANTOPEN;
+        int rc = op();
+        if (isCorruption(rc) && recover(rc)) rc = op();
+        return rc;
+    }
+
+    // ---- cache ----
+
+    // Drops the cache when another connection has committed since the last check.
+    void revalidate() {
+        if (!db) return;
+        if (walHeader.active() && !walHeader.changed()) return;
+        int rc = sqlite3_step(dataVersionStmt);
+        if (rc == SQLITE_ROW) {
+            sqlite3_int64 version = sqlite3_column_int64(dataVersionStmt, 0);
+            sqlite3_reset(dataVersionStmt);
+            if (dataVersion != version) {
+                cache.clear();
+                dataVersion = version;
+            }
+            walHeader.acknowledge();
+            return;
+        }
+        sqlite3_reset(dataVersionStmt);
+        // Cannot tell what changed: trust nothing cached.
+        cache.clear();
+        dataVersion.reset();
+        walHeader.forget();
+        if (isCorruption(rc)) recover(rc);
+    }
+
+    void remember(std::string_view key, const std::optional<PlistValue>& value) {
+        if (cache.size() >= kMaxCachedKeys) cache.clear();
+        cache.insert_or_assign(std::string(key), value);
+    }
+
+    // ---- statements ----
+
+    int selectRow(std::string_view key, std::optional<PlistValue>& out) {
+        ResetOnExit reset(selectStmt);
+        bindText(selectStmt, 1, key);
+        int rc = sqlite3_step(selectStmt);
+        if (rc == SQLITE_ROW) {
+            out = columnValue(selectStmt, 0, 1);
+            return SQLITE_OK;
+        }
+        if (rc == SQLITE_DONE) {
+            out.reset();
+            return SQLITE_OK;
+        }
+        return rc;
+    }
+
+    int store(std::string_view key, const std::optional<PlistValue>& value) {
+        sqlite3_stmt* s = value ? upsertStmt : deleteStmt;
+        ResetOnExit reset(s);
+        std::string scratch;
+        bindText(s, 1, key);
+        if (value && !bindValue(s, *value, scratch)) return SQLITE_TOOBIG;
+        int rc = sqlite3_step(s);
+        return rc == SQLITE_DONE ? SQLITE_OK : rc;
+    }
+
+    int run(sqlite3_stmt* s) {
+        int rc = sqlite3_step(s);
+        sqlite3_reset(s);
+        return rc == SQLITE_DONE ? SQLITE_OK : rc;
+    }
+
+    void rollback() {
+        if (db && !sqlite3_get_autocommit(db)) run(rollbackStmt);
+    }
+
+    std::string describe(int rc) const {
+        if (rc == SQLITE_TOOBIG) return "the value is too large or nested too deeply";
+        if (rc == SQLITE_CANTOPEN && !db) return "the store is not open";
+        return lastError(rc);
+    }
+
+    // The write failed: this process keeps seeing the value, and says so once.
+    void keepUnsaved(std::string_view key, const std::optional<PlistValue>& value, int rc) {
+        std::string what = value ? "save" : "remove";
+        Console::print("UserDefaults: cannot " + what + " \"" + std::string(key) + "\" in " + file.string() + " (" +
+                       describe(rc) + "); this process keeps the change, other processes do not see it");
+        unsaved.insert_or_assign(std::string(key), value);
+        remember(key, value);
+    }
+
+    // ---- operations (caller holds the mutex) ----
+
+    std::optional<PlistValue> read(std::string_view key) {
+        if (auto it = unsaved.find(key); it != unsaved.end()) return it->second;
+        revalidate();
+        if (auto it = cache.find(key); it != cache.end()) return it->second;
+        std::optional<PlistValue> value;
+        if (withRecovery([&] { return selectRow(key, value); }) != SQLITE_OK) return std::nullopt;
+        remember(key, value);
+        return value;
+    }
+
+    void write(std::string_view key, const std::optional<PlistValue>& value) {
+        int rc = withRecovery([&] { return store(key, value); });
+        if (rc != SQLITE_OK) {
+            keepUnsaved(key, value, rc);
+            return;
+        }
+        unsaved.erase(std::string(key));
+        remember(key, value);
+    }
+
+    void update(std::string_view key, const Updater& fn) {
+        // Whatever happens below, no transaction is left open on the connection.
+        struct RollbackOnExit {
+            Impl& impl;
+            ~RollbackOnExit() { impl.rollback(); }
+        } guard{*this};
+        std::optional<PlistValue> current;
+        auto unsavedIt = unsaved.find(key);
+        int rc = withRecovery([&] {
+            int r = run(beginStmt);
+            if (r != SQLITE_OK) return r;
+            if (unsavedIt != unsaved.end()) {
+                current = unsavedIt->second;
+                return SQLITE_OK;
+            }
+            r = selectRow(key, current);
+            if (r != SQLITE_OK) rollback();
+            return r;
+        });
+        const bool inTransaction = rc == SQLITE_OK;
+        if (!inTransaction) current = read(key);  // decide on what this process sees
+
+        std::optional<PlistValue> next;
+        try {
+            next = fn(std::move(current));
+        } catch (const std::exception& e) {
+            Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed: " + e.what());
+            return;
+        } catch (...) {
+            Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed");
+            return;
+        }
+        if (next && next->isNull()) next.reset();
+
+        if (inTransaction) {
+            rc = store(key, next);
+            if (rc == SQLITE_OK) rc = run(commitStmt);
+        }
+        if (rc != SQLITE_OK) {
+            keepUnsaved(key, next, rc);
+            return;
+        }
+        unsaved.erase(std::string(key));
+        remember(key, next);
+    }
+
+    PlistDictionary all() {
+        PlistDictionary out;
+        withRecovery([&] {
+            out.clear();
+            ResetOnExit reset(selectAllStmt);
+            int rc;
+            while ((rc = sqlite3_step(selectAllStmt)) == SQLITE_ROW) {
+                const auto* key = reinterpret_cast<const char*>(sqlite3_column_text(selectAllStmt, 0));
+                auto size = static_cast<std::size_t>(sqlite3_column_bytes(selectAllStmt, 0));
+                if (auto v = columnValue(selectAllStmt, 1, 2); v && key) out.insert_or_assign(std::string(key, size), *v);
+            }
+            return rc == SQLITE_DONE ? SQLITE_OK : rc;
+        });
+        for (const auto& [key, value] : unsaved) {
+            if (value)
+                out.insert_or_assign(key, *value);
+            else
+                out.erase(key);
+        }
+        return out;
+    }
+};
+
+SqliteUserDefaults::SqliteUserDefaults(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+SqliteUserDefaults::~SqliteUserDefaults() = default;
+
+std::shared_ptr<SqliteUserDefaults> SqliteUserDefaults::open(const std::filesystem::path& file) {
+    return open(file, Options{});
+}
+
+std::shared_ptr<SqliteUserDefaults> SqliteUserDefaults::open(const std::filesystem::path& file,
+                                                             const Options& options) {
+    try {
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(file, ec);
+        auto impl = std::make_unique<Impl>(ec ? file : absolute, options);
+        if (!impl->connect()) return nullptr;
+        return std::shared_ptr<SqliteUserDefaults>(new SqliteUserDefaults(std::move(impl)));
+    } catch (const std::exception& e) {
+        Console::print("UserDefaults: cannot open " + file.string() + ": " + e.what());
+        return nullptr;
+    }
+}
+
+const std::filesystem::path& SqliteUserDefaults::path() const { return impl_->file; }
+
+std::optional<PlistValue> SqliteUserDefaults::object(std::string_view key) {
+    try {
+        std::lock_guard lock(impl_->mutex);
+        return impl_->read(key);
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+void SqliteUserDefaults::set(std::string_view key, const PlistValue& value) {
+    try {
+        std::lock_guard lock(impl_->mutex);
+        if (value.isNull())
+            impl_->write(key, std::nullopt);
+        else
+            impl_->write(key, value);
+    } catch (const std::exception& e) {
+        Console::print("UserDefaults: cannot save \"" + std::string(key) + "\": " + e.what());
+    } catch (...) {
+    }
+}
+
+void SqliteUserDefaults::removeObject(std::string_view key) {
+    try {
+        std::lock_guard lock(impl_->mutex);
+        impl_->write(key, std::nullopt);
+    } catch (const std::exception& e) {
+        Console::print("UserDefaults: cannot remove \"" + std::string(key) + "\": " + e.what());
+    } catch (...) {
+    }
+}
+
+void SqliteUserDefaults::update(std::string_view key, const Updater& fn) {
+    if (!fn) return;
+    try {
+        std::lock_guard lock(impl_->mutex);
+        impl_->update(key, fn);
+    } catch (const std::exception& e) {
+        Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed: " + e.what());
+    } catch (...) {
+    }
+}
+
+PlistDictionary SqliteUserDefaults::dictionaryRepresentation() {
+    try {
+        std::lock_guard lock(impl_->mutex);
+        return impl_->all();
+    } catch (...) {
+        return {};
+    }
+}
+
+bool SqliteUserDefaults::synchronize() {
+    try {
+        std::lock_guard lock(impl_->mutex);
+        return impl_->unsaved.empty();
+    } catch (...) {
+        return false;
+    }
+}
+
+}  // namespace tessrakite::platform
