@@ -2,24 +2,20 @@
 
 #include <optional>
 
+#include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Url.hpp>
 #include <tessrakite/platform/UrlSession.hpp>
-#include <tessrakite/platform/UserDefaults.hpp>
 
 namespace tessrakite::crash {
 
 namespace {
 std::optional<std::string> storedCrashUrl() {
+    // Without a host bundle identifier there is no shared store to read (and opening
+    // it would be a fatal stop), so the built-in host serves.
     auto bundle = platform::Bundle::main();
-    if (!bundle) return std::nullopt;
-    auto id = bundle->bundleIdentifier();
-    if (!id) return std::nullopt;
-    auto store = platform::userDefaults("group." + *id + ".tessraQuill");
-    if (!store) return std::nullopt;
-    auto value = store->object("tx_crash_url");
-    if (!value || !value->asString()) return std::nullopt;
-    return *value->asString();
+    if (!bundle || !StorageManager::hostBundleIdentifier(*bundle)) return std::nullopt;
+    return StorageManager().getStringFromStorage(StorageKey::crashUrl);
 }
 }  // namespace
 
