@@ -98,10 +98,11 @@ protected:
     std::string logFolder() const { return (home_.path() / "Apps" / kBundleId / "Documents" / "crashlog").string(); }
     std::string logFile() const { return logFolder() + "/crash.txt"; }
 
-    // Local times "yyyy-MM-dd HH:mm:ss" of every second in [from, to].
+    // Local times "yyyy-MM-dd HH:mm:ss" of every second in [from, to], a second wider on
+    // each side: time() reads a coarse clock that may lag the one the report uses.
     static std::set<std::string> timesBetween(std::time_t from, std::time_t to) {
         std::set<std::string> out;
-        for (std::time_t t = from; t <= to; ++t) {
+        for (std::time_t t = from - 1; t <= to + 1; ++t) {
             std::tm tm{};
             ::localtime_r(&t, &tm);
             char buf[32];
