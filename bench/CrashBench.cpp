@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -58,7 +59,11 @@ bool runOnce(bool withHandler, Shared* shared, int inotifyFd, Sample& sample) {
     if (pid == 0) {
         ::alarm(10);
         ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
-        if (withHandler) tessrakite::JtCrashLogger::registerLogger();
+        // The same child either way: registered, and then, without the handler, the six
+        // signals put back to their defaults.
+        tessrakite::JtCrashLogger::registerLogger();
+        if (!withHandler)
+            for (int s : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGTRAP}) ::signal(s, SIG_DFL);
         shared->faultNs.store(nowNs());
         *gNull = 1;
         ::_exit(0);
