@@ -315,6 +315,8 @@ void runCompletion(const UrlSession::Completion& completion, const UrlResult& re
 
 }  // namespace
 
+constexpr long kMaxHostConnections = 2;
+
 struct CurlUrlSession::State {
     explicit State(UrlSessionOptions options) {
         config.maxResponseBytes = options.maxResponseBytes;
@@ -326,6 +328,9 @@ struct CurlUrlSession::State {
             throw std::bad_alloc();
         }
         curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
+        // A burst of reports queues for two kept-alive connections per host instead of
+        // opening one connection (and one TLS handshake) per report.
+        curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
         // The synchronous path shares DNS answers and TLS sessions, never connections:
         // libcurl does not support one connection cache used by concurrent threads.
         curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &State::lockShare);

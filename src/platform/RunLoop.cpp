@@ -109,7 +109,6 @@ bool RunLoop::runUntilIdle(double maxSeconds) {
 void RunLoop::runFor(double seconds) {
     if (clock_->isManual()) {
         // Virtual time: let outside work settle, then jump to the next timer.
-        auto* manual = static_cast<ManualClock*>(clock_.get());
         const double target = clock_->now() + seconds;
         for (;;) {
             runUntilIdle(10.0);
@@ -120,9 +119,9 @@ void RunLoop::runFor(double seconds) {
                     if (!next || i.due < *next) next = i.due;
             }
             if (!next || *next > target) break;
-            if (*next > manual->now()) manual->set(*next);
+            clock_->advanceTo(*next);
         }
-        if (target > manual->now()) manual->set(target);
+        clock_->advanceTo(target);
         runOnce();
         return;
     }

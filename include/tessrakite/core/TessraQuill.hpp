@@ -1,7 +1,18 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
 #include <tessrakite/Export.hpp>
+#include <tessrakite/core/StorageManager.hpp>
+#include <tessrakite/core/TessraConfig.hpp>
+#include <tessrakite/core/TessraQuillDelegate.hpp>
 #include <tessrakite/platform/PlistValue.hpp>
+#include <tessrakite/platform/UrlSession.hpp>
 #include <tessrakite/platform/UserNotificationCenter.hpp>
 
 // Push payloads
@@ -14,9 +25,72 @@
 
 namespace tessrakite {
 
-/// The SDK's facade: every host entry point is a static member.
+class TessraRequest;
+namespace platform {
+class ViewController;
+}
+
+/// The SDK's facade: every host entry point is a static member. Process-wide state is
+/// created once, on first use, and guarded so that any thread may call.
 class TESSRA_EXPORT TessraQuill {
 public:
+    /// (status code, status text, transport error) of a tracking send.
+    using ExtraClsr = std::function<void(std::optional<std::int64_t>, std::optional<std::string>,
+                                         std::optional<platform::UrlError>)>;
+
+    // ---- Start-up ----
+    /// Starts the SDK: call once, early, on the main thread. Returns at once; the
+    /// configuration document is fetched in the background.
+    static void initialize(std::shared_ptr<TessraConfig> config);
+    static void clearInstallationData();
+    static void updateScheduler();
+
+    // ---- State ----
+    static std::shared_ptr<TessraQuillDelegate> tessraDelegate();
+    static void setTessraDelegate(std::weak_ptr<TessraQuillDelegate> delegate);
+    static std::shared_ptr<TessraConfig> config();
+    static bool initialized();
+    static StorageManager& storageManager();
+    static TessraRequest& tessraRequest();
+    static std::string currentPage();
+    static std::string referrerPage();
+    static std::map<std::string, std::string> utm();
+    static std::int64_t sendTrackCounter();
+    static void setExtraClsr(ExtraClsr completion);
+
+    // ---- Campaign parameters ----
+    static void setUtm(const std::string& key, const std::string& value);
+    static std::string getUtm(const std::string& key);
+    static void removeUtm(const std::string& key);
+
+    // ---- Activities ----
+    static void installOpenActivity(const std::map<std::string, std::string>& utm);
+    static void tessraSendActivity(std::int64_t code, const std::map<std::string, std::string>& utm);
+    static void tessraSendGeneralActivity(std::int64_t code);
+    static void tessraSendActivitySwizzle(std::int64_t code, const std::string& page);
+    static void sendCustomEvent(const std::string& key, const PlistValue& value);
+
+    // ---- Event tracking ----
+    static void track(const PlistDictionary& values);
+    static std::map<std::string, std::string> getTrack();
+    static std::string getTrackFor(const std::string& key);
+    static void removeTrack();
+    static void removeTrackFor(const std::string& key);
+    static void sendTrack(ExtraClsr completion);
+    /// Posts `values` at once as a tracking report, leaving the pending map, the last
+    /// accepted map and the retry counter alone.
+    static void sendCustomTestTrack(const PlistDictionary& values, ExtraClsr completion);
+
+    // ---- Device token ----
+    /// The host passes the raw token from its remote-notification registration.
+    static void registerToken(const Data& deviceToken);
+    /// Two lower-case hexadecimal digits per byte.
+    static std::string serializeDeviceToken(const Data& deviceToken);
+    static void tessraSendUser(const std::string& token);
+
+    // ---- Reminders ----
+    static void cancelScheduledNotifications();
+
     // Push payloads (declared here by the push records work).
 
     /// Decodes a push's user info as a direct push, or failing that as a campaign; nothing
@@ -30,5 +104,9 @@ public:
     static std::shared_ptr<NotificationObject> getNotificationContent(const PlistDictionary& userInfo,
                                                                       const platform::UNNotificationRequest& request);
 };
+
+/// The screen hooks, called from a screen's appearance callbacks once installed.
+TESSRA_EXPORT void viewDidLoadSwizzlingMethod(platform::ViewController& controller);
+TESSRA_EXPORT void viewDidDissapearSwizzlingMethod(platform::ViewController& controller);
 
 }  // namespace tessrakite

@@ -15,6 +15,8 @@ public:
     virtual double now() const = 0;
     /// A manual clock only moves when told to; the run loop then advances it itself.
     virtual bool isManual() const { return false; }
+    /// Moves a manual clock forward to `seconds`; a real clock ignores it.
+    virtual void advanceTo(double seconds) { (void)seconds; }
 };
 
 class TESSRA_EXPORT SystemClock final : public Clock {
@@ -27,6 +29,9 @@ public:
     explicit ManualClock(double start = 1'700'000'000.0) : now_(start) {}
     double now() const override { return now_.load(); }
     bool isManual() const override { return true; }
+    void advanceTo(double seconds) override {
+        if (seconds > now_.load()) now_.store(seconds);
+    }
     void set(double seconds) { now_.store(seconds); }
     void advance(double seconds);
 

@@ -8,6 +8,7 @@
 #include <tessrakite/platform/Device.hpp>
 #include <tessrakite/platform/MainQueue.hpp>
 #include <tessrakite/platform/NotificationCenter.hpp>
+#include <tessrakite/platform/SerialQueue.hpp>
 #include <tessrakite/platform/UrlSession.hpp>
 #include <tessrakite/platform/UserNotificationCenter.hpp>
 
@@ -18,6 +19,7 @@ namespace tessrakite::platform {
 struct TESSRA_EXPORT Platform {
     std::shared_ptr<Clock> clock;
     std::shared_ptr<RunLoop> runLoop;  // the main queue
+    std::shared_ptr<SerialQueue> utilityQueue;  // background work in order, off the main queue
     std::shared_ptr<UrlSession> urlSession;
     std::shared_ptr<NotificationCenter> notificationCenter;
     std::shared_ptr<Application> application;

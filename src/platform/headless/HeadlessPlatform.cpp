@@ -427,6 +427,12 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     auto clock = options.clock ? options.clock : std::make_shared<SystemClock>();
     auto runLoop = std::make_shared<RunLoop>(clock);
     auto session = options.urlSession ? options.urlSession : makeCurlUrlSession(UrlSessionOptions::fromEnvironment());
+    auto utility = std::make_shared<SerialQueue>("tessrakite.utility");
+    std::weak_ptr<SerialQueue> weakUtility = utility;
+    runLoop->addBusySource([weakUtility] {
+        auto q = weakUtility.lock();
+        return q && q->pending() > 0;
+    });
     std::weak_ptr<UrlSession> weakSession = session;
     runLoop->addBusySource([weakSession] {
         auto s = weakSession.lock();
@@ -441,6 +447,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.platform = std::make_shared<Platform>();
     h.platform->clock = clock;
     h.platform->runLoop = runLoop;
+    h.platform->utilityQueue = utility;
     h.platform->urlSession = session;
     h.platform->notificationCenter = h.notificationCenter;
     h.platform->application = h.application;

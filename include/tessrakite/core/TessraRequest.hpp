@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <tessrakite/Export.hpp>
+#include <tessrakite/core/ActivityBody.hpp>
+#include <tessrakite/core/StorageManager.hpp>
+#include <tessrakite/core/TessraConfig.hpp>
+#include <tessrakite/push/PushBody.hpp>
+#include <tessrakite/platform/UrlSession.hpp>
+
+namespace tessrakite {
+
+/// The backend client. Endpoints are read from the shared store at each request, so the
+/// configuration document can move them. Completions run on the URL session's thread.
+class TESSRA_EXPORT TessraRequest {
+public:
+    using ConfigCompletion = std::function<void(std::shared_ptr<TessraConfig>)>;
+    using ResponseCompletion =
+        std::function<void(const std::optional<platform::HttpResponse>&, const std::optional<platform::UrlError>&)>;
+
+    /// The fixed date sent before any document was received.
+    static constexpr const char* firstModifiedSince = "Fri, 12 Jan 2024 09:42:01 GMT";
+
+    void getConfig(const std::string& apiKey, ConfigCompletion completion);
+    void sendTessraActivityInstall(const ActivityBody& body, ResponseCompletion completion);
+    void sendTessraActivityOpen(const ActivityBody& body, ResponseCompletion completion);
+    void sendTessraActivity(const ActivityBody& body, ResponseCompletion completion);
+    /// Posts the user record; only a 201 counts as success.
+    using PushDataCompletion = std::function<void(bool success, const std::optional<platform::HttpResponse>&,
+                                                  const std::optional<platform::UrlError>&)>;
+    void sendTessraPushData(const PushBody& body, PushDataCompletion completion);
+    /// Fire-and-forget GET.
+    void viewTrack(const std::string& url);
+    /// Lowers the counter by one, never below 1.
+    void decreaseCounter(StorageKey counter = StorageKey::openCounter);
+
+    /// An HTTP date ("E, dd MMM yyyy HH:mm:ss zzz", GMT, English names).
+    static std::string httpDate(double secondsSince1970);
+
+private:
+    enum class PostKind { install, open, general };
+    void postActivity(PostKind kind, const ActivityBody& body, ResponseCompletion completion);
+};
+
+}  // namespace tessrakite

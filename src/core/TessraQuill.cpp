@@ -1,0 +1,257 @@
+#include <tessrakite/core/TessraQuill.hpp>
+
+#include <random>
+
+#include <tessrakite/core/TessraRequest.hpp>
+#include <tessrakite/platform/Platform.hpp>
+#include <tessrakite/platform/ViewController.hpp>
+
+#include "core/FacadeState.hpp"
+
+namespace tessrakite {
+
+namespace detail {
+
+FacadeState& facade() {
+    static FacadeState state;
+    return state;
+}
+
+void resetFacadeForTesting() {
+    auto& f = facade();
+    std::shared_ptr<SessionHelper> helper;
+    {
+        std::lock_guard lock(f.mutex);
+        helper = std::move(f.sessionHelper);
+        f.storage.reset();
+        f.config.reset();
+        f.trackingDict.clear();
+        f.delegate.reset();
+        f.initialized = false;
+        f.sendTrackCounter = 5;
+        f.referrerPage.clear();
+        f.currentPage.clear();
+        f.shouldPresentCustomPromt = false;
+        f.utm.clear();
+        f.utmLoaded = false;
+        f.beaconSpamDict.clear();
+        f.extraClsr = nullptr;
+    }
+    if (platform::ViewController::appearanceHooksInstalled()) platform::ViewController::exchangeAppearanceHooks({}, {});
+}
+
+bool checkInitialized() {
+    {
+        std::lock_guard lock(facade().mutex);
+        if (facade().initialized) return true;
+    }
+    Console::print(kInitializeBanner);
+    return false;
+}
+
+bool storedSwitch(const StorageManager& storage, StorageKey key) {
+    return storage.defaultStorage->boolValue(rawValue(key)).value_or(false);
+}
+
+void onUtilityQueue(std::function<void()> work) {
+    auto platform = platform::currentPlatform();
+    if (platform->utilityQueue)
+        platform->utilityQueue->async(std::move(work));
+    else
+        work();
+}
+
+void callExtraClsr(std::optional<std::int64_t> status, std::optional<std::string> text,
+                   std::optional<platform::UrlError> error) {
+    TessraQuill::ExtraClsr completion;
+    {
+        std::lock_guard lock(facade().mutex);
+        completion = facade().extraClsr;
+    }
+    if (completion) completion(status, std::move(text), std::move(error));
+}
+
+}  // namespace detail
+
+using detail::facade;
+
+namespace {
+
+void updateSession(StorageManager& storage) {
+    auto& defaults = *storage.defaultStorage;
+    std::random_device device;
+    std::uniform_int_distribution<int> digit(0, 9);
+    std::string random;
+    for (int i = 0; i < 10; ++i) random.push_back(static_cast<char>('0' + digit(device)));
+
+    defaults.update(rawValue(StorageKey::sessionNum), [](std::optional<PlistValue> current) {
+        std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
+        return std::optional<PlistValue>(PlistValue(value + 1));
+    });
+    auto clock = platform::currentPlatform()->clock;
+    defaults.set(rawValue(StorageKey::sessionId), PlistValue(std::to_string(static_cast<std::int64_t>(clock->now()))));
+    defaults.set(rawValue(StorageKey::visitedPCount), PlistValue(0));
+    if (!defaults.string(rawValue(StorageKey::uniqSessionId))) {
+        auto seconds = std::to_string(static_cast<std::int64_t>(clock->now()));
+        defaults.set(rawValue(StorageKey::uniqSessionFirstTime), PlistValue(seconds));
+        defaults.set(rawValue(StorageKey::uniqSessionId), PlistValue(seconds + "." + random));
+    }
+}
+
+void setDefaultDomains(StorageManager& storage) {
+    auto& defaults = *storage.defaultStorage;
+    const auto tracking = platform::deploymentHost(platform::DeploymentHost::tracking);
+    const auto cdn = platform::deploymentHost(platform::DeploymentHost::cdn);
+    const auto activity = "https://" + tracking + "/v2/activity?type=mobile";
+    defaults.set(rawValue(StorageKey::activityUrl), PlistValue(activity));
+    defaults.set(rawValue(StorageKey::userUrl), PlistValue("https://" + tracking + "/v2/users?type=mobile"));
+    // The crash switch's key, not "tx_crash_url": its Boolean reading becomes false. Kept
+    // as the backend's installations expect it.
+    defaults.set(rawValue(StorageKey::crash), PlistValue(activity));
+    defaults.set(rawValue(StorageKey::configUrl), PlistValue("https://" + cdn + "/tag"));
+}
+
+void initUtmAndSession(const std::map<std::string, std::string>& utm) {
+    const auto& apiKey = utm.at("ht");
+    TessraQuill::setUtm("ht", apiKey);
+    auto helper = std::make_shared<SessionHelper>(3);
+    helper->registerListeners();
+    std::shared_ptr<SessionHelper> previous;
+    {
+        std::lock_guard lock(facade().mutex);
+        previous = std::exchange(facade().sessionHelper, helper);
+    }
+    TessraQuill::installOpenActivity({{"utm_ht", apiKey}});
+}
+
+void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::shared_ptr<TessraConfig>& fetched) {
+    {
+        std::lock_guard lock(facade().mutex);
+        // The host's own object wins; the fetched document acts through the stored switches.
+        facade().config = fetched ? fetched : captured;
+        facade().config = captured;
+        facade().initialized = true;
+    }
+    initUtmAndSession({{"ht", captured->apiKey()}});
+    auto& storage = TessraQuill::storageManager();
+    if (detail::storedSwitch(storage, StorageKey::push)) {
+        if (storage.wasDisabled().value_or(false)) (void)storage.getToken();
+        // Beacon monitoring and crash capture start with their own subsystems.
+        (void)detail::storedSwitch(storage, StorageKey::beacon);
+        (void)detail::storedSwitch(storage, StorageKey::crash);
+    } else {
+        Console::print("Notification service is not enabled");
+    }
+}
+
+}  // namespace
+
+void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
+    try {
+        if (!config) return;
+        platform::ViewController::exchangeAppearanceHooks(viewDidLoadSwizzlingMethod, viewDidDissapearSwizzlingMethod);
+        {
+            std::lock_guard lock(facade().mutex);
+            facade().config = config;
+        }
+        // The store writes and the request go to the utility queue, in start-up's order, so
+        // the caller's thread is back at once.
+        detail::onUtilityQueue([config] {
+            auto& storage = storageManager();
+            updateSession(storage);
+            if (!storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false))
+                setDefaultDomains(storage);
+            if (config->apiKey().empty()) {
+                Console::print("\n***************\n Missing ApiKey! \n***************\n");
+                return;
+            }
+            tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
+                try {
+                    finishStartUp(config, fetched);
+                } catch (const std::exception& e) {
+                    Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
+                }
+            });
+        });
+    } catch (const std::exception& e) {
+        Console::print(std::string("TessraQuill: initialize failed: ") + e.what());
+    }
+}
+
+void TessraQuill::clearInstallationData() {
+    platform::currentPlatform()->application->unregisterForRemoteNotifications();
+    auto& defaults = *storageManager().defaultStorage;
+    defaults.set(rawValue(StorageKey::reg), PlistValue(false));
+    defaults.synchronize();
+}
+
+void TessraQuill::updateScheduler() {
+    auto interval = storageManager().getScheduledTime();
+    if (!interval) return;
+    cancelScheduledNotifications();
+    // Creating the reminder belongs to the reminders subsystem; until then there is
+    // nothing to schedule it with.
+}
+
+void TessraQuill::cancelScheduledNotifications() {
+    auto& storage = storageManager();
+    auto id = storage.getScheduledId();
+    if (!id) return;
+    auto center = platform::currentPlatform()->userNotificationCenter;
+    center->removePendingNotificationRequests({*id});
+    center->removeDeliveredNotifications({*id});
+    storage.defaultStorage->removeObject(rawValue(StorageKey::schId));
+}
+
+std::shared_ptr<TessraQuillDelegate> TessraQuill::tessraDelegate() {
+    std::lock_guard lock(facade().mutex);
+    return facade().delegate.lock();
+}
+
+void TessraQuill::setTessraDelegate(std::weak_ptr<TessraQuillDelegate> delegate) {
+    std::lock_guard lock(facade().mutex);
+    facade().delegate = std::move(delegate);
+}
+
+std::shared_ptr<TessraConfig> TessraQuill::config() {
+    std::lock_guard lock(facade().mutex);
+    return facade().config;
+}
+
+bool TessraQuill::initialized() {
+    std::lock_guard lock(facade().mutex);
+    return facade().initialized;
+}
+
+StorageManager& TessraQuill::storageManager() {
+    std::lock_guard lock(facade().mutex);
+    if (!facade().storage) facade().storage = std::make_unique<StorageManager>();
+    return *facade().storage;
+}
+
+TessraRequest& TessraQuill::tessraRequest() {
+    static TessraRequest request;
+    return request;
+}
+
+std::string TessraQuill::currentPage() {
+    std::lock_guard lock(facade().mutex);
+    return facade().currentPage;
+}
+
+std::string TessraQuill::referrerPage() {
+    std::lock_guard lock(facade().mutex);
+    return facade().referrerPage;
+}
+
+std::int64_t TessraQuill::sendTrackCounter() {
+    std::lock_guard lock(facade().mutex);
+    return facade().sendTrackCounter;
+}
+
+void TessraQuill::setExtraClsr(ExtraClsr completion) {
+    std::lock_guard lock(facade().mutex);
+    facade().extraClsr = std::move(completion);
+}
+
+}  // namespace tessrakite

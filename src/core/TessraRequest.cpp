@@ -1,0 +1,207 @@
+#include <tessrakite/core/TessraRequest.hpp>
+
+#include <cstdio>
+#include <ctime>
+
+#include <tessrakite/core/Config.hpp>
+#include <tessrakite/core/TessraBuilder.hpp>
+#include <tessrakite/platform/Console.hpp>
+#include <tessrakite/platform/Platform.hpp>
+
+#include "core/Text.hpp"
+
+namespace tessrakite {
+
+using nlohmann::ordered_json;
+using platform::UrlRequest;
+using platform::UrlResult;
+
+namespace {
+
+std::optional<UrlRequest> requestFor(const std::string& text) {
+    auto url = Url::parse(text);
+    if (!url) return std::nullopt;
+    UrlRequest request(*url);
+    request.timeoutInterval = 60;
+    return request;
+}
+
+void send(UrlRequest request, platform::UrlSession::Completion completion) {
+    auto session = platform::currentPlatform()->urlSession;
+    if (!session) {
+        completion(UrlResult{std::nullopt, std::nullopt, platform::UrlError{-2, "No URL session"}});
+        return;
+    }
+    session->dataTask(std::move(request), std::move(completion));
+}
+
+std::string errorText(const platform::UrlError& error) { return error.localizedDescription(); }
+
+void printBody(const UrlResult& result) {
+    if (!result.data) return;
+    std::string text(result.data->begin(), result.data->end());
+    if (detail::isValidUtf8(text))
+        Console::print(text);
+    else
+        Console::print("Data could not be printed");
+}
+
+}  // namespace
+
+std::string TessraRequest::httpDate(double secondsSince1970) {
+    static const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    auto t = static_cast<std::time_t>(secondsSince1970);
+    std::tm gmt{};
+    ::gmtime_r(&t, &gmt);
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[gmt.tm_wday], gmt.tm_mday,
+                  months[gmt.tm_mon], gmt.tm_year + 1900, gmt.tm_hour, gmt.tm_min, gmt.tm_sec);
+    return buffer;
+}
+
+void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion completion) {
+    StorageManager storage;
+    auto base = storage.getStringFromStorage(StorageKey::configUrl).value_or("");
+    auto request = requestFor(base + "/" + apiKey + ".json");
+    if (!request) fatalError("The configuration URL \"" + base + "\" is not a valid URL");
+    request->setValue(storage.getStringFromStorage(StorageKey::lastModified).value_or(firstModifiedSince),
+                      "If-Modified-Since");
+
+    send(std::move(*request), [apiKey, completion](const UrlResult& result) {
+        if (result.response && result.response->statusCode >= 300) {
+            completion(nullptr);
+            return;
+        }
+        if (result.error || !result.response) {
+            Console::print("Error took place " + (result.error ? errorText(*result.error) : std::string("no answer")));
+            completion(nullptr);
+            return;
+        }
+        StorageManager storage;
+        auto& defaults = *storage.defaultStorage;
+        const std::string text = result.data ? std::string(result.data->begin(), result.data->end()) : "";
+        defaults.set(rawValue(StorageKey::autoconf), PlistValue(text));
+        defaults.set(rawValue(StorageKey::lastModified),
+                     PlistValue(httpDate(platform::currentPlatform()->clock->now())));
+        Config document;
+        try {
+            document = ordered_json::parse(text).get<Config>();
+        } catch (const std::exception& e) {
+            Console::print(std::string("Error took place ") + e.what());
+            completion(nullptr);
+            return;
+        }
+        if (document.url) {
+            auto store = [&](const std::optional<std::string>& value, StorageKey key) {
+                if (value && !value->empty()) defaults.set(rawValue(key), PlistValue(*value));
+            };
+            store(document.url->user, StorageKey::userUrl);
+            store(document.url->crash, StorageKey::crashUrl);
+            store(document.url->activity, StorageKey::activityUrl);
+        }
+        if (document.consent) defaults.set(rawValue(StorageKey::consent), PlistValue(*document.consent));
+        defaults.synchronize();
+
+        TessraBuilder builder(apiKey);
+        if (document.analytics) builder.analytics(*document.analytics);
+        if (document.pushConfig && document.pushConfig->enabled.value_or(false)) builder.push();
+        completion(builder.build());
+    });
+}
+
+void TessraRequest::sendTessraActivityInstall(const ActivityBody& body, ResponseCompletion completion) {
+    postActivity(PostKind::install, body, std::move(completion));
+}
+
+void TessraRequest::sendTessraActivityOpen(const ActivityBody& body, ResponseCompletion completion) {
+    postActivity(PostKind::open, body, std::move(completion));
+}
+
+void TessraRequest::sendTessraActivity(const ActivityBody& body, ResponseCompletion completion) {
+    postActivity(PostKind::general, body, std::move(completion));
+}
+
+void TessraRequest::postActivity(PostKind kind, const ActivityBody& body, ResponseCompletion completion) {
+    StorageManager storage;
+    auto request = requestFor(storage.getStringFromStorage(StorageKey::activityUrl).value_or(""));
+    if (!request) return;
+    std::string json;
+    try {
+        json = ordered_json(body).dump();
+    } catch (const std::exception& e) {
+        const char* prefix = kind == PostKind::install ? "sendTessraActivityInstall error: "
+                             : kind == PostKind::open  ? "sendTessraActivityOpen "
+                                                       : "sendTessraActivityLocationEvent ";
+        Console::print(prefix + std::string(e.what()));
+        return;
+    }
+    request->httpMethod = "POST";
+    request->setValue("application/json", "Content-Type");
+    request->httpBody = std::move(json);
+
+    send(std::move(*request), [this, kind, completion](const UrlResult& result) {
+        if (result.response) printBody(result);
+        if (kind != PostKind::open) {
+            if (completion) completion(result.response, result.error);
+            return;
+        }
+        if (result.response) {
+            if (result.response->statusCode == 201) {
+                decreaseCounter(StorageKey::openCounter);
+                Console::print("Open sent successfully");
+            }
+            if (completion) completion(result.response, std::nullopt);
+            return;
+        }
+        StorageManager storage;
+        storage.defaultStorage->update(rawValue(StorageKey::openCounter), [](std::optional<PlistValue> current) {
+            std::int64_t value = 0;
+            if (current && current->asInteger()) value = *current->asInteger();
+            return std::optional<PlistValue>(PlistValue(value + 1));
+        });
+        storage.defaultStorage->synchronize();
+        if (completion) completion(std::nullopt, result.error);
+        Console::print("Request ERROR");
+    });
+}
+
+void TessraRequest::sendTessraPushData(const PushBody& body, PushDataCompletion completion) {
+    StorageManager storage;
+    auto request = requestFor(storage.getStringFromStorage(StorageKey::userUrl).value_or(""));
+    if (!request) return;
+    try {
+        request->httpBody = ordered_json(body).dump();
+    } catch (const std::exception& e) {
+        Console::print(std::string("sendTessraPushData ") + e.what());
+        return;
+    }
+    request->httpMethod = "POST";
+    request->setValue("application/json", "Content-Type");
+    send(std::move(*request), [completion](const UrlResult& result) {
+        if (result.response) printBody(result);
+        const bool created = result.response && result.response->statusCode == 201;
+        if (completion) completion(created, result.response, result.error);
+    });
+}
+
+void TessraRequest::viewTrack(const std::string& url) {
+    auto request = requestFor(url);
+    if (!request) return;
+    send(std::move(*request), [](const UrlResult&) {});
+}
+
+void TessraRequest::decreaseCounter(StorageKey counter) {
+    StorageManager storage;
+    // Usually nothing to lower: a cached read spares a write transaction per report.
+    auto current = storage.getIntFromStorage(counter);
+    if (!current || *current < 2) return;
+    storage.defaultStorage->update(rawValue(counter), [](std::optional<PlistValue> current) {
+        if (!current || !current->asInteger() || *current->asInteger() < 2) return current;
+        return std::optional<PlistValue>(PlistValue(*current->asInteger() - 1));
+    });
+    storage.defaultStorage->synchronize();
+}
+
+}  // namespace tessrakite

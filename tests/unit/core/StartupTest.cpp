@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include <tessrakite/core/TessraBuilder.hpp>
+#include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/core/TessraRequest.hpp>
+#include <tessrakite/platform/ViewController.hpp>
+
+#include "SdkFixture.hpp"
+#include "core/FacadeState.hpp"
+
+namespace tessrakite {
+namespace {
+
+using test::Answer;
+
+class Startup : public test::SdkFixture {
+protected:
+    /// A later launch of the same installation: new process state, same store.
+    void relaunch() {
+        detail::resetFacadeForTesting();
+        backend->clearRequests();
+        console->clear();
+    }
+};
+
+TEST_F(Startup, FirstStartFetchesTheDocumentThenReportsInstallAndOpen) {
+    start();
+    ASSERT_TRUE(TessraQuill::initialized());
+    auto requests = backend->requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests[0].target(), "/tag/demo-key.json");
+    EXPECT_EQ(requests[0].header("If-Modified-Since"), "Fri, 12 Jan 2024 09:42:01 GMT");
+    EXPECT_EQ(requests[1].target(), "/v2/activity?type=mobile");
+    EXPECT_EQ(requests[1].header("Content-Type"), "application/json");
+    EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200, 205}));
+    EXPECT_EQ(storage().getBool(StorageKey::reg), true);
+    EXPECT_TRUE(console->contains("ENTER INSTALL ACTIVITY"));
+    EXPECT_TRUE(console->contains("INSTALL SENT 201"));
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::lastModified), "Tue, 14 Nov 2023 22:13:20 GMT");
+    EXPECT_EQ(TessraQuill::getUtm("ht"), "demo-key");
+}
+
+TEST_F(Startup, SecondStartSendsTheStoredDateAndAnUnchangedDocumentKeepsItsCache) {
+    start();
+    const auto autoconf = storage().getStringFromStorage(StorageKey::autoconf);
+    const auto lastModified = storage().getStringFromStorage(StorageKey::lastModified);
+    relaunch();
+    clock->advance(3600);
+    serveConfig(Answer::withStatus(304));
+    start();
+    ASSERT_TRUE(TessraQuill::initialized());
+    EXPECT_EQ(backend->requests()[0].header("If-Modified-Since"), lastModified);
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::autoconf), autoconf);
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::lastModified), lastModified);
+    EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{205}));
+    EXPECT_TRUE(console->contains("ENTER OPEN ACTIVITY"));
+}
+
+TEST_F(Startup, FailedInstallationIsReportedAgainAtTheNextStart) {
+    serveActivity(Answer::withStatus(500));
+    start();
+    EXPECT_TRUE(console->contains("error Install code"));
+    EXPECT_NE(storage().getBool(StorageKey::reg), true);
+    EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200}));
+
+    relaunch();
+    serveActivity(Answer::json("{}", 201));
+    start();
+    EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200, 205}));
+}
+
+TEST_F(Startup, OfflineStartStillFinishesWithTheHostConfiguration) {
+    ::setenv("TESSRA_CDN_HOST", "127.0.0.1:1", 1);  // nothing listens there
+    start();
+    EXPECT_TRUE(TessraQuill::initialized());
+    ASSERT_TRUE(TessraQuill::config());
+    EXPECT_EQ(TessraQuill::config()->apiKey(), "demo-key");
+    bool printed = false;
+    for (const auto& line : console->lines()) printed |= line.rfind("Error took place ", 0) == 0;
+    EXPECT_TRUE(printed);
+    EXPECT_FALSE(storage().getStringFromStorage(StorageKey::autoconf).has_value());
+}
+
+TEST_F(Startup, TheDocumentMovesEndpointsItNamesAndKeepsTheOthers) {
+    const auto users = "https://" + backend->httpsHost() + "/v2/users?type=mobile";
+    serveConfig(Answer::json(R"({"consent": true, "analytics": true, "push_config": {"enabled": true},
+        "url": {"activity": "https://)" + backend->httpsHost() + R"(/v3/activity", "user": "", "crash": "http://crash.example/post"}})"));
+    backend->on("POST", "/v3/activity", Answer::json("{}", 201));
+    start();
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::activityUrl),
+              "https://" + backend->httpsHost() + "/v3/activity");
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::userUrl), users);
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::crashUrl), "http://crash.example/post");
+    EXPECT_EQ(storage().getBool(StorageKey::consent), true);
+    EXPECT_EQ(backend->requestsTo("/v3/activity").size(), 2u);
+}
+
+TEST_F(Startup, DocumentSwitchesAreStoredForTheExtensions) {
+    serveConfig(Answer::json(R"({"analytics": false, "push_config": {"enabled": true}})"));
+    TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).analytics(true).build());
+    pump();
+    EXPECT_EQ(storage().getBool(StorageKey::analytics), false);
+    EXPECT_EQ(storage().getBool(StorageKey::push), true);
+    // The host's own object stays the active configuration.
+    EXPECT_TRUE(TessraQuill::config()->analytics());
+    EXPECT_TRUE(activityPosts().empty());
+}
+
+TEST_F(Startup, SessionKeysOnFirstAndSecondLaunch) {
+    start();
+    auto s = storage();
+    EXPECT_EQ(s.getIntFromStorage(StorageKey::sessionNum), 1);
+    EXPECT_EQ(s.getStringFromStorage(StorageKey::sessionId), "1700000000");
+    const auto uniq = s.getStringFromStorage(StorageKey::uniqSessionId).value_or("");
+    EXPECT_TRUE(std::regex_match(uniq, std::regex(R"(1700000000\.[0-9]{10})"))) << uniq;
+    EXPECT_EQ(s.getStringFromStorage(StorageKey::uniqSessionFirstTime), "1700000000");
+
+    relaunch();
+    clock->advance(100);
+    start();
+    EXPECT_EQ(s.getIntFromStorage(StorageKey::sessionNum), 2);
+    EXPECT_EQ(s.getStringFromStorage(StorageKey::sessionId), "1700000100");
+    EXPECT_EQ(s.getStringFromStorage(StorageKey::uniqSessionId), uniq);
+    EXPECT_EQ(s.getStringFromStorage(StorageKey::uniqSessionFirstTime), "1700000000");
+}
+
+TEST_F(Startup, EmptyKeyPrintsTheBannerButStillCountsTheSession) {
+    start(true, true, "");
+    EXPECT_TRUE(console->contains("\n***************\n Missing ApiKey! \n***************\n"));
+    EXPECT_FALSE(TessraQuill::initialized());
+    EXPECT_TRUE(backend->requests().empty());
+    EXPECT_EQ(storage().getIntFromStorage(StorageKey::sessionNum), 1);
+    EXPECT_TRUE(platform::ViewController::appearanceHooksInstalled());
+    EXPECT_EQ(TessraQuill::getUtm("ht"), "Tessra not initialized");
+    EXPECT_TRUE(console->contains(detail::kInitializeBanner));
+}
+
+TEST_F(Startup, FirstStartWritesTheDefaultEndpointsAndClearingInstallationWritesThemAgain) {
+    start();
+    const auto activity = "https://" + backend->httpsHost() + "/v2/activity?type=mobile";
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::configUrl), "https://" + backend->httpsHost() + "/tag");
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::crash), activity);
+    storage().set(StorageKey::activityUrl, "https://elsewhere.invalid/a");
+
+    TessraQuill::clearInstallationData();
+    EXPECT_EQ(storage().getBool(StorageKey::reg), false);
+    EXPECT_FALSE(headless.application->isRegisteredForRemoteNotifications());
+    relaunch();
+    start();
+    EXPECT_EQ(storage().getStringFromStorage(StorageKey::activityUrl), activity);
+    EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200, 205}));
+}
+
+TEST_F(Startup, PushOffIsAnnounced) {
+    serveConfig(Answer::json(R"({"analytics": true})"));
+    start(true, false);
+    EXPECT_TRUE(console->contains("Notification service is not enabled"));
+}
+
+TEST_F(Startup, InvalidConfigurationBaseIsAFatalStop) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    storage().set(StorageKey::reg, true);
+    storage().set(StorageKey::configUrl, "not a url");
+    EXPECT_DEATH(
+        {
+            TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).build());
+            pump();
+        },
+        "Fatal error: ");
+}
+
+TEST(HttpDate, IsGmtWithEnglishNames) {
+    EXPECT_EQ(TessraRequest::httpDate(1'704'966'121), "Thu, 11 Jan 2024 09:42:01 GMT");
+    EXPECT_EQ(TessraRequest::httpDate(0), "Thu, 01 Jan 1970 00:00:00 GMT");
+}
+
+}  // namespace
+}  // namespace tessrakite

@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <tessrakite/core/TessraQuill.hpp>
+
+#include "SdkFixture.hpp"
+
+namespace tessrakite {
+namespace {
+
+using test::Answer;
+using nlohmann::ordered_json;
+
+struct RecordingDelegate : TessraQuillDelegate {
+    std::vector<std::string> calls;
+    void notificationTokenChanged(const std::string& token) override { calls.push_back("tokenChanged:" + token); }
+    void tessraInited(bool inited) override { calls.push_back(inited ? "inited:true" : "inited:false"); }
+};
+
+class TokenRegistration : public test::SdkFixture {
+protected:
+    void SetUp() override {
+        SdkFixture::SetUp();
+        backend->on("POST", "/v2/users", Answer::json("{}", 201));
+        TessraQuill::setTessraDelegate(delegate);
+    }
+    std::vector<ordered_json> userPosts() const {
+        std::vector<ordered_json> out;
+        for (const auto& r : backend->requestsTo("/v2/users")) out.push_back(ordered_json::parse(r.body));
+        return out;
+    }
+    void registerToken(const Data& token) {
+        TessraQuill::registerToken(token);
+        pump();
+    }
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    const Data token{0x00, 0xAB, 0x10};
+};
+
+TEST(TokenText, IsTwoLowerCaseHexDigitsPerByte) {
+    EXPECT_EQ(TessraQuill::serializeDeviceToken({0x00, 0xAB, 0x10}), "00ab10");
+    EXPECT_EQ(TessraQuill::serializeDeviceToken(Data(32, 0xFF)).size(), 64u);
+    EXPECT_EQ(TessraQuill::serializeDeviceToken({}), "");
+}
+
+TEST_F(TokenRegistration, PushDisabledAsksNothingAndSendsNothing) {
+    struct Case {
+        std::optional<bool> storedBefore;
+        std::optional<bool> storedAfter;
+    };
+    serveConfig(Answer::json(R"({"analytics": true})"));
+    start(true, false);
+    backend->clearRequests();
+    for (const auto& c : {Case{std::nullopt, std::nullopt}, Case{false, true}, Case{true, true}}) {
+        if (c.storedBefore)
+            storage().set(StorageKey::wd, *c.storedBefore);
+        else
+            storage().remove(StorageKey::wd);
+        registerToken(token);
+        EXPECT_EQ(storage().wasDisabled(), c.storedAfter);
+    }
+    EXPECT_TRUE(console->contains("00ab10"));
+    EXPECT_FALSE(headless.userNotificationCenter->lastAuthorizationOptions().has_value());
+    EXPECT_TRUE(backend->requests().empty());
+}
+
+TEST_F(TokenRegistration, RefusalIsReportedAsActivity501) {
+    start();
+    headless.userNotificationCenter->setAuthorizationAnswer(false, platform::UNAuthorizationStatus::denied);
+    registerToken(token);
+    EXPECT_EQ(activityCodes().back(), 501);
+    EXPECT_TRUE(userPosts().empty());
+    using namespace platform::UNAuthorizationOptions;
+    EXPECT_EQ(headless.userNotificationCenter->lastAuthorizationOptions(), alert | badge | sound);
+}
+
+TEST_F(TokenRegistration, AcceptedTokenIsSentOnce) {
+    start();
+    registerToken(token);
+    registerToken(token);
+    EXPECT_EQ(userPosts().size(), 1u);
+    EXPECT_EQ(storage().getToken(), "00ab10");
+    EXPECT_EQ(delegate->calls, (std::vector<std::string>{"tokenChanged:00ab10", "inited:true", "inited:true"}));
+}
+
+TEST_F(TokenRegistration, OnlyA201CountsAsRegistered) {
+    start();
+    storage().set(StorageKey::tok, "old");
+    backend->on("POST", "/v2/users", Answer::json("{}", 200));
+    registerToken(token);
+    EXPECT_EQ(storage().getToken(), "old");
+    EXPECT_EQ(delegate->calls.back(), "inited:false");
+    registerToken(token);
+    EXPECT_EQ(userPosts().size(), 2u);  // sent again at the next registration
+}
+
+TEST_F(TokenRegistration, UserRecordHasTheSixteenKeysInOrder) {
+    start();
+    storage().set(StorageKey::userId, "u-1");
+    registerToken(token);
+    auto posts = userPosts();
+    ASSERT_EQ(posts.size(), 1u);
+    std::vector<std::string> keys;
+    for (auto it = posts[0].begin(); it != posts[0].end(); ++it) keys.push_back(it.key());
+    EXPECT_EQ(keys, (std::vector<std::string>{"ts_current", "app", "app_version", "sdk_version", "os", "version",
+                                              "mfg", "model", "sdk", "lang", "u", "token", "status", "cs", "rid",
+                                              "code"}));
+    EXPECT_EQ(posts[0]["sdk"], "Tessra push sdk");
+    EXPECT_EQ(posts[0]["token"], "00ab10");
+    EXPECT_EQ(posts[0]["u"], (ordered_json{{"user_id", "u-1"}}));
+    EXPECT_EQ(posts[0]["code"], 200);
+    EXPECT_EQ(posts[0]["status"], true);
+    EXPECT_EQ(posts[0]["rid"], storage().getStringFromStorage(StorageKey::uniqSessionId).value());
+    EXPECT_EQ(posts[0]["app_version"], "1.0");
+}
+
+TEST_F(TokenRegistration, UnsubscribedTokenIsClearedWhenRegisteredAgain) {
+    start();
+    storage().set(StorageKey::tok, "old");
+    storage().set(StorageKey::unscToken, "00ab10");
+    registerToken(token);
+    EXPECT_FALSE(storage().getUnsToken().has_value());
+    EXPECT_EQ(storage().getToken(), "00ab10");
+}
+
+TEST_F(TokenRegistration, NothingIsSentWithoutASession) {
+    start();
+    storage().remove(StorageKey::uniqSessionId);
+    registerToken(token);
+    EXPECT_TRUE(userPosts().empty());
+}
+
+}  // namespace
+}  // namespace tessrakite

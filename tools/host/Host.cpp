@@ -1,0 +1,496 @@
+#include "Host.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+
+#include <tessrakite/core/StorageManager.hpp>
+#include <tessrakite/core/TessraBuilder.hpp>
+#include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Bundle.hpp>
+#include <tessrakite/platform/Console.hpp>
+#include <tessrakite/push/NotificationObject.hpp>
+#include <tessrakite/push/PCampaignObject.hpp>
+#include <tessrakite/push/PushObj.hpp>
+
+namespace tessra_host {
+
+using namespace tessrakite;
+namespace hl = tessrakite::platform::headless;
+
+// ---- A clock that scripts can stop: real time until {"op":"clock"}, then manual. ----
+class SwitchableClock final : public platform::Clock {
+public:
+    double now() const override { return manual_ ? manualNow_.load() : system_.now(); }
+    bool isManual() const override { return manual_; }
+    void advanceTo(double seconds) override {
+        if (manual_ && seconds > manualNow_.load()) manualNow_.store(seconds);
+    }
+    void setManual(double seconds) {
+        manualNow_.store(seconds);
+        manual_ = true;
+    }
+
+private:
+    platform::SystemClock system_;
+    std::atomic<bool> manual_{false};
+    std::atomic<double> manualNow_{0};
+};
+
+// ---- The host's delegate: every call becomes a line. ----
+class HostDelegate final : public TessraQuillDelegate {
+public:
+    explicit HostDelegate(Output& out) : out_(out) {}
+    void notificationTokenChanged(const std::string& token) override {
+        emit("notificationTokenChanged", {{"token", token}});
+    }
+    void enteredGeofenceRegionWith(const std::string& id) override { emit("enteredGeofenceRegionWith", {{"id", id}}); }
+    void enteredBeaconRegionWith(const std::string& id) override { emit("enteredBeaconRegionWith", {{"id", id}}); }
+    void tessraInited(bool inited) override { emit("tessraInited", {{"inited", inited}}); }
+    void handleURL(const Url& url) override { emit("handleURL", {{"url", url.absoluteString()}}); }
+    void locationChanged(double lat, double lng) override { emit("locationChanged", {{"lat", lat}, {"lng", lng}}); }
+    void passLocation(const std::any& location) override {
+        emit("passLocation", {{"hasValue", location.has_value()}});
+    }
+
+private:
+    void emit(const char* name, Json args) { out_.write({{"delegate", name}, {"args", std::move(args)}}); }
+    Output& out_;
+};
+
+namespace {
+
+// A screen whose type name is whatever the script says.
+class ScriptedScreen final : public platform::ViewController {
+public:
+    explicit ScriptedScreen(std::string name) : name_(std::move(name)) {}
+    std::string typeName() const override { return name_; }
+
+private:
+    std::string name_;
+};
+
+const Json& member(const Json& args, const char* key) {
+    auto it = args.find(key);
+    if (it == args.end()) throw BadArguments(std::string("missing \"") + key + "\"");
+    return *it;
+}
+std::string stringArg(const Json& args, const char* key) {
+    const auto& v = member(args, key);
+    if (!v.is_string()) throw BadArguments(std::string("\"") + key + "\" must be a string");
+    return v.get<std::string>();
+}
+double numberArg(const Json& args, const char* key) {
+    const auto& v = member(args, key);
+    if (!v.is_number()) throw BadArguments(std::string("\"") + key + "\" must be a number");
+    return v.get<double>();
+}
+std::int64_t integerArg(const Json& args, const char* key) {
+    const auto& v = member(args, key);
+    if (!v.is_number_integer()) throw BadArguments(std::string("\"") + key + "\" must be an integer");
+    return v.get<std::int64_t>();
+}
+std::optional<bool> optionalBool(const Json& args, const char* key) {
+    auto it = args.find(key);
+    if (it == args.end() || it->is_null()) return std::nullopt;
+    if (!it->is_boolean()) throw BadArguments(std::string("\"") + key + "\" must be a boolean");
+    return it->get<bool>();
+}
+PlistDictionary dictionaryArg(const Json& args, const char* key) {
+    const auto& v = member(args, key);
+    if (!v.is_object()) throw BadArguments(std::string("\"") + key + "\" must be an object");
+    return *PlistValue::fromJSON(v).asDictionary();
+}
+
+Json valueToJson(const PlistValue& value) {
+    switch (value.type()) {
+        case PlistValue::Type::data: {
+            std::string hex;
+            char buffer[3];
+            for (auto byte : *value.asData()) {
+                std::snprintf(buffer, sizeof buffer, "%02x", byte);
+                hex += buffer;
+            }
+            return hex;
+        }
+        case PlistValue::Type::date: return value.asDate()->secondsSince1970;
+        case PlistValue::Type::array: {
+            Json out = Json::array();
+            for (const auto& v : *value.asArray()) out.push_back(valueToJson(v));
+            return out;
+        }
+        case PlistValue::Type::dictionary: {
+            Json out = Json::object();
+            for (const auto& [k, v] : *value.asDictionary()) out[k] = valueToJson(v);
+            return out;
+        }
+        default: return value.toJSON();
+    }
+}
+
+Json typedValue(const PlistValue& value) {
+    return {{"type", PlistValue::typeName(value.type())}, {"value", valueToJson(value)}};
+}
+
+PlistValue storeValue(const std::string& type, const Json& v) {
+    auto bad = [&] { return BadArguments("\"value\" does not fit type \"" + type + "\""); };
+    if (type == "bool") {
+        if (!v.is_boolean()) throw bad();
+        return PlistValue(v.get<bool>());
+    }
+    if (type == "int") {
+        if (!v.is_number_integer()) throw bad();
+        return PlistValue(v.get<std::int64_t>());
+    }
+    if (type == "double") {
+        if (!v.is_number()) throw bad();
+        return PlistValue(v.get<double>());
+    }
+    if (type == "string") {
+        if (!v.is_string()) throw bad();
+        return PlistValue(v.get<std::string>());
+    }
+    if (type == "array") {
+        if (!v.is_array()) throw bad();
+        return PlistValue::fromJSON(v);
+    }
+    if (type == "dict") {
+        if (!v.is_object()) throw bad();
+        return PlistValue::fromJSON(v);
+    }
+    throw BadArguments("unknown type \"" + type + "\"");
+}
+
+Json configJson(const TessraConfig& c) {
+    return {{"apiKey", c.apiKey()},     {"crash", c.crash()},       {"analytics", c.analytics()},
+            {"push", c.push()},         {"geofence", c.geofence()}, {"beacon", c.beacon()},
+            {"custom", c.custom()},     {"location", c.location()}, {"schedule", c.schedule()},
+            {"mavo", c.mavo()},         {"consent", c.consent()}};
+}
+
+Json optionalJson(const std::optional<std::int64_t>& v) { return v ? Json(*v) : Json(nullptr); }
+Json optionalJson(const std::optional<std::string>& v) { return v ? Json(*v) : Json(nullptr); }
+
+Data hexArg(const Json& args, const char* key) {
+    auto text = stringArg(args, key);
+    if (text.size() % 2 != 0) throw BadArguments(std::string("\"") + key + "\" must have an even number of digits");
+    Data bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        auto digit = [&](char c) -> int {
+            if (c >= '0' && c <= '9') return c - '0';
+            if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+            if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+            throw BadArguments(std::string("\"") + key + "\" must be hexadecimal");
+        };
+        bytes.push_back(static_cast<std::uint8_t>(digit(text[i]) * 16 + digit(text[i + 1])));
+    }
+    return bytes;
+}
+
+template <class T>
+void putOptional(Json& j, const char* key, const std::optional<T>& value) {
+    if (value) j[key] = *value;
+}
+
+Json messageJson(const TessraReceivedObject& m) {
+    Json j = Json::object();
+    putOptional(j, "notifId", m.notifId);
+    putOptional(j, "title", m.title);
+    putOptional(j, "body", m.body);
+    putOptional(j, "image", m.image);
+    putOptional(j, "tag", m.tag);
+    putOptional(j, "sound", m.sound);
+    putOptional(j, "badge", m.badge);
+    putOptional(j, "renotify", m.renotify);
+    putOptional(j, "silent", m.silent);
+    putOptional(j, "impTracker", m.impTracker);
+    putOptional(j, "taskId", m.taskId);
+    if (m.actions) {
+        Json actions = Json::array();
+        for (const auto& a : *m.actions) actions.push_back(a);
+        j["actions"] = actions;
+    }
+    return j;
+}
+
+platform::DeviceOrientation orientationNamed(const std::string& name) {
+    using O = platform::DeviceOrientation;
+    static const std::map<std::string, O> names = {{"unknown", O::unknown},
+                                                   {"portrait", O::portrait},
+                                                   {"portraitUpsideDown", O::portraitUpsideDown},
+                                                   {"landscapeLeft", O::landscapeLeft},
+                                                   {"landscapeRight", O::landscapeRight},
+                                                   {"faceUp", O::faceUp},
+                                                   {"faceDown", O::faceDown}};
+    auto it = names.find(name);
+    if (it == names.end()) throw BadArguments("unknown orientation \"" + name + "\"");
+    return it->second;
+}
+
+}  // namespace
+
+Host::Host(Output& output, std::string bundleFolder) : out_(output) {
+    Console::setSink([this](std::string_view line) { out_.write({{"console", std::string(line)}}); });
+    platform::Bundle::setMain(platform::Bundle::open(bundleFolder));
+    clock_ = std::make_shared<SwitchableClock>();
+    headless_ = hl::makeHeadlessPlatform({clock_, nullptr});
+    headless_.effects->setSink([this](const std::string& name, const Json& args) {
+        Json line = {{"platform", name}};
+        for (auto it = args.begin(); it != args.end(); ++it) line[it.key()] = it.value();
+        out_.write(line);
+    });
+    platform::setCurrentPlatform(headless_.platform);
+    delegate_ = std::make_shared<HostDelegate>(out_);
+    TessraQuill::setTessraDelegate(delegate_);
+    // As an app delegate does: the token the platform hands out goes to the SDK.
+    headless_.application->setDeviceTokenHandler([](const Data& token) { TessraQuill::registerToken(token); });
+    registerOperations();
+}
+
+Host::~Host() {
+    screens_.clear();
+    Console::setSink(nullptr);
+}
+
+void Host::pump(double maxSeconds) { headless_.platform->runLoop->runUntilIdle(maxSeconds); }
+
+bool Host::runLine(const std::string& line) {
+    auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos || line[first] == '#') return running_;
+    Json request;
+    try {
+        request = Json::parse(line);
+    } catch (const std::exception& e) {
+        out_.write({{"error", std::string("not JSON: ") + e.what()}, {"op", nullptr}, {"id", nullptr}});
+        return running_;
+    }
+    Json id = request.is_object() && request.contains("id") ? request["id"] : Json(nullptr);
+    if (!request.is_object() || !request.contains("op") || !request["op"].is_string()) {
+        out_.write({{"error", "each line is an object with a string \"op\""}, {"op", nullptr}, {"id", id}});
+        return running_;
+    }
+    const auto op = request["op"].get<std::string>();
+    auto handler = operations_.find(op);
+    if (handler == operations_.end()) {
+        out_.write({{"error", "unknown operation"}, {"op", op}, {"id", id}});
+        return running_;
+    }
+    try {
+        Json result = handler->second(request);
+        out_.write({{"result", result}, {"op", op}, {"id", id}});
+    } catch (const std::exception& e) {
+        out_.write({{"error", e.what()}, {"op", op}, {"id", id}});
+    }
+    if (op != "wait" && op != "exit") pump();
+    return running_;
+}
+
+void Host::registerOperations() {
+    auto& ops = operations_;
+    auto extraClsr = [this](const char* name) {
+        return [this, name](std::optional<std::int64_t> status, std::optional<std::string> text,
+                            std::optional<platform::UrlError> error) {
+            out_.write({{"callback", name},
+                        {"args",
+                         {{"status", optionalJson(status)},
+                          {"text", optionalJson(text)},
+                          {"error", error ? Json(error->localizedDescription()) : Json(nullptr)}}}});
+        };
+    };
+
+    // ---- Start-up ----
+    ops["build"] = [this](const Json& a) {
+        std::optional<std::string> key;
+        if (auto it = a.find("apiKey"); it != a.end() && !it->is_null()) {
+            if (!it->is_string()) throw BadArguments("\"apiKey\" must be a string or null");
+            key = it->get<std::string>();
+        }
+        TessraBuilder builder(key);
+        if (optionalBool(a, "crash").value_or(false)) builder.crash();
+        if (optionalBool(a, "push").value_or(false)) builder.push();
+        if (optionalBool(a, "mavo").value_or(false)) builder.mavo();
+        if (optionalBool(a, "custom").value_or(false)) builder.custom();
+        if (auto v = optionalBool(a, "analytics")) builder.analytics(*v);
+        if (auto v = optionalBool(a, "geofence")) builder.geofence(*v);
+        if (auto v = optionalBool(a, "beacon")) builder.beacon(*v);
+        if (auto v = optionalBool(a, "locationTracking")) builder.locationTracking(*v);
+        if (a.contains("scheduleNotifications")) builder.scheduleNotifications(numberArg(a, "scheduleNotifications"));
+        config_ = builder.build();
+        return configJson(*config_);
+    };
+    ops["initialize"] = [this](const Json&) {
+        if (!config_) config_ = TessraBuilder(std::nullopt).build();
+        TessraQuill::initialize(config_);
+        return Json(nullptr);
+    };
+    ops["clearInstallationData"] = [](const Json&) {
+        TessraQuill::clearInstallationData();
+        return Json(nullptr);
+    };
+    ops["updateScheduler"] = [](const Json&) {
+        TessraQuill::updateScheduler();
+        return Json(nullptr);
+    };
+    ops["setDelegate"] = [this](const Json& a) {
+        if (optionalBool(a, "present").value_or(true)) {
+            delegate_ = std::make_shared<HostDelegate>(out_);
+            TessraQuill::setTessraDelegate(delegate_);
+        } else {
+            delegate_.reset();  // the SDK holds it weakly: released means gone
+        }
+        return Json(nullptr);
+    };
+
+    // ---- Lifecycle and screens ----
+    ops["app"] = [this](const Json& a) {
+        namespace N = platform::AppNotification;
+        static const std::map<std::string, std::pair<const char*, platform::ApplicationState>> events = {
+            {"didBecomeActive", {N::didBecomeActive, platform::ApplicationState::active}},
+            {"willResignActive", {N::willResignActive, platform::ApplicationState::inactive}},
+            {"didEnterBackground", {N::didEnterBackground, platform::ApplicationState::background}},
+            {"willTerminate", {N::willTerminate, platform::ApplicationState::background}},
+        };
+        auto it = events.find(stringArg(a, "event"));
+        if (it == events.end()) throw BadArguments("unknown app event");
+        headless_.application->setApplicationState(it->second.second);
+        headless_.notificationCenter->post(it->second.first);
+        return Json(nullptr);
+    };
+    ops["screen"] = [this](const Json& a) {
+        auto name = stringArg(a, "class");
+        auto event = stringArg(a, "event");
+        if (event != "appear" && event != "disappear") throw BadArguments("\"event\" is \"appear\" or \"disappear\"");
+        auto& screen = screens_[name];
+        if (!screen) screen = std::make_unique<ScriptedScreen>(name);
+        if (event == "appear")
+            screen->viewDidAppear(true);
+        else
+            screen->viewDidDisappear(true);
+        return Json(screen->description());
+    };
+
+    // ---- Campaign parameters ----
+    ops["setUtm"] = [](const Json& a) {
+        TessraQuill::setUtm(stringArg(a, "key"), stringArg(a, "value"));
+        return Json(nullptr);
+    };
+    ops["getUtm"] = [](const Json& a) { return Json(TessraQuill::getUtm(stringArg(a, "key"))); };
+    ops["removeUtm"] = [](const Json& a) {
+        TessraQuill::removeUtm(stringArg(a, "key"));
+        return Json(nullptr);
+    };
+
+    // ---- Activities and tracking ----
+    ops["track"] = [](const Json& a) {
+        TessraQuill::track(dictionaryArg(a, "values"));
+        return Json(nullptr);
+    };
+    ops["getTrack"] = [](const Json&) { return Json(TessraQuill::getTrack()); };
+    ops["getTrackFor"] = [](const Json& a) { return Json(TessraQuill::getTrackFor(stringArg(a, "key"))); };
+    ops["removeTrack"] = [](const Json&) {
+        TessraQuill::removeTrack();
+        return Json(nullptr);
+    };
+    ops["removeTrackFor"] = [](const Json& a) {
+        TessraQuill::removeTrackFor(stringArg(a, "key"));
+        return Json(nullptr);
+    };
+    ops["sendTrack"] = [extraClsr](const Json&) {
+        TessraQuill::sendTrack(extraClsr("extraClsr"));
+        return Json(nullptr);
+    };
+    ops["sendCustomTestTrack"] = [extraClsr](const Json& a) {
+        TessraQuill::sendCustomTestTrack(dictionaryArg(a, "values"), extraClsr("sendCustomTestTrack"));
+        return Json(nullptr);
+    };
+    ops["sendCustomEvent"] = [](const Json& a) {
+        TessraQuill::sendCustomEvent(stringArg(a, "key"), PlistValue::fromJSON(member(a, "value")));
+        return Json(nullptr);
+    };
+    ops["tessraSendGeneralActivity"] = [](const Json& a) {
+        TessraQuill::tessraSendGeneralActivity(integerArg(a, "code"));
+        return Json(nullptr);
+    };
+
+    // ---- Device token and push payloads ----
+    ops["registerToken"] = [](const Json& a) {
+        TessraQuill::registerToken(hexArg(a, "hex"));
+        return Json(nullptr);
+    };
+    ops["serializeDeviceToken"] = [](const Json& a) {
+        return Json(TessraQuill::serializeDeviceToken(hexArg(a, "hex")));
+    };
+    ops["parsePushObj"] = [](const Json& a) {
+        auto parsed = TessraQuill::parsePushObj(dictionaryArg(a, "userInfo"));
+        if (!parsed) return Json(nullptr);
+        if (const auto* push = std::get_if<PushObj>(&*parsed)) return Json{{"PushObj", Json(*push)}};
+        return Json{{"PCampaignObject", Json(std::get<PCampaignObject>(*parsed))}};
+    };
+    ops["getNotificationContent"] = [](const Json& a) {
+        platform::UNNotificationRequest request;
+        request.identifier = stringArg(a, "identifier");
+        request.content.userInfo = dictionaryArg(a, "userInfo");
+        auto object = TessraQuill::getNotificationContent(request.content.userInfo, request);
+        if (!object) return Json(nullptr);
+        Json messages = Json::array();
+        for (const auto& m : object->notification) messages.push_back(messageJson(m));
+        return messages;
+    };
+
+    // ---- Notifications (platform answers) ----
+    ops["authorization"] = [this](const Json& a) {
+        static const std::map<std::string, platform::UNAuthorizationStatus> statuses = {
+            {"notDetermined", platform::UNAuthorizationStatus::notDetermined},
+            {"denied", platform::UNAuthorizationStatus::denied},
+            {"authorized", platform::UNAuthorizationStatus::authorized}};
+        auto it = statuses.find(stringArg(a, "status"));
+        if (it == statuses.end()) throw BadArguments("unknown status");
+        auto granted = optionalBool(a, "granted");
+        if (!granted) throw BadArguments("missing \"granted\"");
+        headless_.userNotificationCenter->setAuthorizationAnswer(*granted, it->second);
+        return Json(nullptr);
+    };
+
+    // ---- The shared store ----
+    ops["store.dump"] = [](const Json&) {
+        Json out = Json::object();
+        for (const auto& [k, v] : StorageManager().defaultStorage->dictionaryRepresentation()) out[k] = typedValue(v);
+        return out;
+    };
+    ops["store.get"] = [](const Json& a) {
+        auto value = StorageManager().defaultStorage->object(stringArg(a, "key"));
+        return value ? typedValue(*value) : Json(nullptr);
+    };
+    ops["store.set"] = [](const Json& a) {
+        StorageManager().defaultStorage->set(stringArg(a, "key"), storeValue(stringArg(a, "type"), member(a, "value")));
+        return Json(nullptr);
+    };
+    ops["store.remove"] = [](const Json& a) {
+        StorageManager().defaultStorage->removeObject(stringArg(a, "key"));
+        return Json(nullptr);
+    };
+
+    // ---- The device and time ----
+    ops["clock"] = [this](const Json& a) {
+        clock_->setManual(numberArg(a, "now"));
+        return Json(clock_->now());
+    };
+    ops["screenSize"] = [this](const Json& a) {
+        headless_.screen->setBounds({0, 0, numberArg(a, "width"), numberArg(a, "height")});
+        return Json(nullptr);
+    };
+    ops["orientation"] = [this](const Json& a) {
+        headless_.device->setOrientation(orientationNamed(stringArg(a, "value")));
+        return Json(nullptr);
+    };
+    ops["wait"] = [this](const Json& a) {
+        headless_.platform->runLoop->runFor(numberArg(a, "seconds"));
+        return Json(nullptr);
+    };
+    ops["exit"] = [this](const Json&) {
+        running_ = false;
+        return Json(nullptr);
+    };
+}
+
+}  // namespace tessra_host
