@@ -53,7 +53,7 @@ void TessraQuill::tessraSendActivity(std::int64_t code, const std::map<std::stri
             auto& defaults = *storageManager().defaultStorage;
             defaults.set(rawValue(StorageKey::reg), PlistValue(true));
             defaults.synchronize();
-            Console::print("INSTALL SENT " + std::to_string(response->statusCode));
+            Console::print("INSTALL SENT ", std::to_string(response->statusCode));
             tessraSendActivity(ActivityCode::open, utm);
         });
         return;
@@ -107,7 +107,7 @@ void TessraQuill::sendCustomEvent(const std::string& key, const PlistValue& valu
             });
         });
     } catch (const std::exception& e) {
-        Console::print(std::string("error from custom event ") + e.what());
+        Console::print("error from custom event", e.what());
     }
 }
 

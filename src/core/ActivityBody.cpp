@@ -11,6 +11,8 @@
 #include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Platform.hpp>
 
+#include "core/JSONCoding.hpp"
+
 namespace tessrakite {
 
 using nlohmann::ordered_json;
@@ -55,18 +57,19 @@ CS CS::fromStorage(const StorageManager& storage) {
 }
 
 void to_json(ordered_json& j, const CS& cs) {
-    j = ordered_json::object();
-    j["ns"] = cs.ns;
-    j["sid"] = cs.sid;
-    j["scn"] = cs.scn;
-    j["cid"] = cs.cid;
+    coding::KeyedEncoder e(j);
+    e.encode("ns", cs.ns);
+    e.encode("sid", cs.sid);
+    e.encode("scn", cs.scn);
+    e.encode("cid", cs.cid);
 }
 
 void from_json(const ordered_json& j, CS& cs) {
-    j.at("ns").get_to(cs.ns);
-    j.at("sid").get_to(cs.sid);
-    j.at("scn").get_to(cs.scn);
-    j.at("cid").get_to(cs.cid);
+    coding::KeyedDecoder d(j);
+    cs.ns = d.decode<std::int64_t>("ns");
+    cs.sid = d.decode<std::string>("sid");
+    cs.scn = d.decode<std::int64_t>("scn");
+    cs.cid = d.decode<std::string>("cid");
 }
 
 // ---- UserAgent ----
@@ -86,27 +89,22 @@ UserAgent UserAgent::current() {
     return ua;
 }
 
+namespace {
+// The user agent's members, each encoded under its own name, in this order.
+constexpr std::pair<const char*, std::string UserAgent::*> kUserAgentFields[] = {
+    {"z", &UserAgent::z}, {"t", &UserAgent::t},   {"de", &UserAgent::de}, {"dt", &UserAgent::dt},
+    {"sr", &UserAgent::sr}, {"vp", &UserAgent::vp}, {"n", &UserAgent::n}, {"v", &UserAgent::v},
+};
+}  // namespace
+
 void to_json(ordered_json& j, const UserAgent& ua) {
-    j = ordered_json::object();
-    j["z"] = ua.z;
-    j["t"] = ua.t;
-    j["de"] = ua.de;
-    j["dt"] = ua.dt;
-    j["sr"] = ua.sr;
-    j["vp"] = ua.vp;
-    j["n"] = ua.n;
-    j["v"] = ua.v;
+    coding::KeyedEncoder e(j);
+    for (const auto& [key, field] : kUserAgentFields) e.encode(key, ua.*field);
 }
 
 void from_json(const ordered_json& j, UserAgent& ua) {
-    j.at("z").get_to(ua.z);
-    j.at("t").get_to(ua.t);
-    j.at("de").get_to(ua.de);
-    j.at("dt").get_to(ua.dt);
-    j.at("sr").get_to(ua.sr);
-    j.at("vp").get_to(ua.vp);
-    j.at("n").get_to(ua.n);
-    j.at("v").get_to(ua.v);
+    coding::KeyedDecoder d(j);
+    for (const auto& [key, field] : kUserAgentFields) ua.*field = d.decode<std::string>(key);
 }
 
 // ---- AppContext ----
@@ -186,21 +184,22 @@ void to_json(ordered_json& j, const ActivityBody& b) {
 }
 
 void from_json(const ordered_json& j, ActivityBody& b) {
-    j.at("ts_current").get_to(b.timestamp);
-    j.at("app").get_to(b.app);
+    coding::KeyedDecoder d(j);
+    b.timestamp = d.decode<std::int64_t>("ts_current");
+    b.app = d.decode<std::string>("app");
     b.e = j.at("e");
-    j.at("ver").get_to(b.sdkVersion);
-    j.at("version").get_to(b.version);
-    j.at("model").get_to(b.model);
-    j.at("lang").get_to(b.lang);
-    j.at("u").get_to(b.u);
-    j.at("code").get_to(b.code);
-    j.at("cs").get_to(b.cs);
-    j.at("dl").get_to(b.dl);
-    j.at("vt").get_to(b.vt);
-    j.at("tmz").get_to(b.tmz);
-    j.at("msg").get_to(b.msg);
-    j.at("ua").get_to(b.ua);
+    b.sdkVersion = d.decode<std::string>("ver");
+    b.version = d.decode<std::string>("version");
+    b.model = d.decode<std::string>("model");
+    b.lang = d.decode<std::string>("lang");
+    b.u = d.decode<std::string>("u");
+    b.code = d.decode<std::int64_t>("code");
+    b.cs = d.decode<CS>("cs");
+    b.dl = d.decode<std::string>("dl");
+    b.vt = d.decode<std::string>("vt");
+    b.tmz = d.decode<std::int64_t>("tmz");
+    b.msg = d.decode<std::string>("msg");
+    b.ua = d.decode<UserAgent>("ua");
 }
 
 }  // namespace tessrakite

@@ -1,62 +1,53 @@
 #include <tessrakite/core/Config.hpp>
 
+#include "core/JSONCoding.hpp"
+
 namespace tessrakite {
 
 using nlohmann::ordered_json;
-
-namespace {
-// Optional members: absent and null both read as absent; a wrong type is an error.
-template <class T>
-void readOptional(const ordered_json& j, const char* key, std::optional<T>& out) {
-    auto it = j.find(key);
-    if (it == j.end() || it->is_null()) return;
-    out = it->template get<T>();
-}
-template <class T>
-void writeOptional(ordered_json& j, const char* key, const std::optional<T>& value) {
-    if (value) j[key] = *value;
-}
-}  // namespace
+using coding::KeyedDecoder;
+using coding::KeyedEncoder;
 
 void to_json(ordered_json& j, const ConfigUrls& v) {
-    j = ordered_json::object();
-    writeOptional(j, "activity", v.activity);
-    writeOptional(j, "crash", v.crash);
-    writeOptional(j, "user", v.user);
+    KeyedEncoder e(j);
+    e.encodeIfPresent("activity", v.activity);
+    e.encodeIfPresent("crash", v.crash);
+    e.encodeIfPresent("user", v.user);
 }
 void from_json(const ordered_json& j, ConfigUrls& v) {
-    if (!j.is_object()) throw ordered_json::type_error::create(302, "\"url\" must be an object", &j);
-    readOptional(j, "activity", v.activity);
-    readOptional(j, "crash", v.crash);
-    readOptional(j, "user", v.user);
+    KeyedDecoder d(j);
+    v.activity = d.decodeIfPresent<std::string>("activity");
+    v.crash = d.decodeIfPresent<std::string>("crash");
+    v.user = d.decodeIfPresent<std::string>("user");
 }
 
 void to_json(ordered_json& j, const PushConfig& v) {
-    j = ordered_json::object();
-    writeOptional(j, "enabled", v.enabled);
-    writeOptional(j, "override", v.override);
-    if (v.prompts) j["prompts"] = *v.prompts;
+    KeyedEncoder e(j);
+    e.encodeIfPresent("enabled", v.enabled);
+    e.encodeIfPresent("override", v.override);
+    e.encodeIfPresent("prompts", v.prompts);
 }
 void from_json(const ordered_json& j, PushConfig& v) {
-    if (!j.is_object()) throw ordered_json::type_error::create(302, "\"push_config\" must be an object", &j);
-    readOptional(j, "enabled", v.enabled);
-    readOptional(j, "override", v.override);
+    KeyedDecoder d(j);
+    v.enabled = d.decodeIfPresent<bool>("enabled");
+    v.override = d.decodeIfPresent<bool>("override");
+    // Carried as received for the prompt page; any JSON shape is accepted.
     if (auto it = j.find("prompts"); it != j.end() && !it->is_null()) v.prompts = *it;
 }
 
 void to_json(ordered_json& j, const Config& v) {
-    j = ordered_json::object();
-    writeOptional(j, "consent", v.consent);
-    writeOptional(j, "analytics", v.analytics);
-    writeOptional(j, "push_config", v.pushConfig);
-    writeOptional(j, "url", v.url);
+    KeyedEncoder e(j);
+    e.encodeIfPresent("consent", v.consent);
+    e.encodeIfPresent("analytics", v.analytics);
+    e.encodeIfPresent("push_config", v.pushConfig);
+    e.encodeIfPresent("url", v.url);
 }
 void from_json(const ordered_json& j, Config& v) {
-    if (!j.is_object()) throw ordered_json::type_error::create(302, "the configuration must be an object", &j);
-    readOptional(j, "consent", v.consent);
-    readOptional(j, "analytics", v.analytics);
-    readOptional(j, "push_config", v.pushConfig);
-    readOptional(j, "url", v.url);
+    KeyedDecoder d(j);
+    v.consent = d.decodeIfPresent<bool>("consent");
+    v.analytics = d.decodeIfPresent<bool>("analytics");
+    v.pushConfig = d.decodeIfPresent<PushConfig>("push_config");
+    v.url = d.decodeIfPresent<ConfigUrls>("url");
 }
 
 }  // namespace tessrakite

@@ -77,7 +77,7 @@ void SessionHelper::sessionDidEnd() {
     }
     auto platform = platform::currentPlatform();
     const auto now = detail::dateDescription(platform->clock->now());
-    Console::print("Session ended " + now);
+    Console::print("Session ended ", now);
 
     // Hold the terminating app only while reports are still in flight, never past 10 s.
     constexpr double kMaxWait = 10.0;

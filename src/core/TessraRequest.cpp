@@ -75,7 +75,7 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
             return;
         }
         if (result.error || !result.response) {
-            Console::print("Error took place " + (result.error ? errorText(*result.error) : std::string("no answer")));
+            Console::print("Error took place ", result.error ? errorText(*result.error) : std::string("no answer"));
             completion(nullptr);
             return;
         }
@@ -89,7 +89,7 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
         try {
             document = ordered_json::parse(text).get<Config>();
         } catch (const std::exception& e) {
-            Console::print(std::string("Error took place ") + e.what());
+            Console::print("Error took place ", e.what());
             completion(nullptr);
             return;
         }
@@ -134,7 +134,7 @@ void TessraRequest::postActivity(PostKind kind, const ActivityBody& body, Respon
         const char* prefix = kind == PostKind::install ? "sendTessraActivityInstall error: "
                              : kind == PostKind::open  ? "sendTessraActivityOpen "
                                                        : "sendTessraActivityLocationEvent ";
-        Console::print(prefix + std::string(e.what()));
+        Console::print(prefix, e.what());
         return;
     }
     request->httpMethod = "POST";
@@ -174,7 +174,7 @@ void TessraRequest::sendTessraPushData(const PushBody& body, PushDataCompletion 
     try {
         request->httpBody = ordered_json(body).dump();
     } catch (const std::exception& e) {
-        Console::print(std::string("sendTessraPushData ") + e.what());
+        Console::print("sendTessraPushData ", e.what());
         return;
     }
     request->httpMethod = "POST";

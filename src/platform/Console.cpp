@@ -35,6 +35,13 @@ void Console::print(std::string_view text) {
     std::fflush(stdout);
 }
 
+void Console::print(std::string_view message, std::string_view detail) {
+    std::string line(message);
+    line += ' ';
+    line += detail;
+    print(line);
+}
+
 void Console::setSink(Sink sink) {
     std::lock_guard lock(sinkMutex());
     sinkSlot() = sink ? std::make_shared<Sink>(std::move(sink)) : nullptr;

@@ -21,6 +21,8 @@
 
 #include <tessrakite/BuildConfig.hpp>
 
+#include "crash/AlternateStack.hpp"
+
 namespace tessrakite::platform {
 
 static_assert(UrlError::timedOut == CURLE_OPERATION_TIMEDOUT);
@@ -433,6 +435,8 @@ struct CurlUrlSession::State {
     }
 
     static void run(std::shared_ptr<State> self) {
+        // A stack overflow on this thread still reaches the crash handler.
+        crash::ThreadAlternateStack alternateStack;
         currentWorker = self.get();
         pthread_setname_np(pthread_self(), "tessra-url");
         for (;;) {

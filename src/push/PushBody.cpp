@@ -4,6 +4,8 @@
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/platform/Platform.hpp>
 
+#include "core/JSONCoding.hpp"
+
 namespace tessrakite {
 
 using nlohmann::ordered_json;
@@ -35,54 +37,44 @@ PushBody PushBody::forToken(const std::string& token, CS sessionInfo, std::strin
     return body;
 }
 
-namespace {
-template <class T>
-void put(ordered_json& j, const char* key, const std::optional<T>& value) {
-    if (value) j[key] = *value;
-}
-template <class T>
-void take(const ordered_json& j, const char* key, std::optional<T>& value) {
-    if (auto it = j.find(key); it != j.end() && !it->is_null()) value = it->template get<T>();
-}
-}  // namespace
-
 void to_json(ordered_json& j, const PushBody& b) {
-    j = ordered_json::object();
-    j["ts_current"] = b.timestamp;
-    j["app"] = b.app;
-    put(j, "app_version", b.appVersion);
-    put(j, "sdk_version", b.sdkVersion);
-    put(j, "os", b.os);
-    put(j, "version", b.version);
-    put(j, "mfg", b.mfg);
-    put(j, "model", b.model);
-    put(j, "sdk", b.sdk);
-    put(j, "lang", b.lang);
-    put(j, "u", b.u);
-    put(j, "token", b.token);
-    put(j, "status", b.status);
-    j["cs"] = b.cs;
-    put(j, "rid", b.rid);
-    j["code"] = b.code;
+    coding::KeyedEncoder e(j);
+    e.encode("ts_current", b.timestamp);
+    e.encode("app", b.app);
+    e.encodeIfPresent("app_version", b.appVersion);
+    e.encodeIfPresent("sdk_version", b.sdkVersion);
+    e.encodeIfPresent("os", b.os);
+    e.encodeIfPresent("version", b.version);
+    e.encodeIfPresent("mfg", b.mfg);
+    e.encodeIfPresent("model", b.model);
+    e.encodeIfPresent("sdk", b.sdk);
+    e.encodeIfPresent("lang", b.lang);
+    e.encodeIfPresent("u", b.u);
+    e.encodeIfPresent("token", b.token);
+    e.encodeIfPresent("status", b.status);
+    e.encode("cs", b.cs);
+    e.encodeIfPresent("rid", b.rid);
+    e.encode("code", b.code);
 }
 
 void from_json(const ordered_json& j, PushBody& b) {
-    j.at("ts_current").get_to(b.timestamp);
-    j.at("app").get_to(b.app);
-    take(j, "app_version", b.appVersion);
-    take(j, "sdk_version", b.sdkVersion);
-    take(j, "os", b.os);
-    take(j, "version", b.version);
-    take(j, "mfg", b.mfg);
-    take(j, "model", b.model);
-    take(j, "sdk", b.sdk);
-    take(j, "lang", b.lang);
-    take(j, "u", b.u);
-    take(j, "token", b.token);
-    take(j, "status", b.status);
-    j.at("cs").get_to(b.cs);
-    take(j, "rid", b.rid);
-    j.at("code").get_to(b.code);
+    coding::KeyedDecoder d(j);
+    b.timestamp = d.decode<std::int64_t>("ts_current");
+    b.app = d.decode<std::string>("app");
+    b.appVersion = d.decodeIfPresent<std::string>("app_version");
+    b.sdkVersion = d.decodeIfPresent<std::string>("sdk_version");
+    b.os = d.decodeIfPresent<std::string>("os");
+    b.version = d.decodeIfPresent<std::string>("version");
+    b.mfg = d.decodeIfPresent<std::string>("mfg");
+    b.model = d.decodeIfPresent<std::string>("model");
+    b.sdk = d.decodeIfPresent<std::string>("sdk");
+    b.lang = d.decodeIfPresent<std::string>("lang");
+    if (auto it = j.find("u"); it != j.end() && !it->is_null()) b.u = it->get<std::map<std::string, std::string>>();
+    b.token = d.decodeIfPresent<std::string>("token");
+    b.status = d.decodeIfPresent<bool>("status");
+    b.cs = d.decode<CS>("cs");
+    b.rid = d.decodeIfPresent<std::string>("rid");
+    b.code = d.decode<std::int64_t>("code");
 }
 
 }  // namespace tessrakite

@@ -10,18 +10,6 @@
 #include "core/JSONCoding.hpp"
 
 namespace tessrakite {
-namespace {
-
-// A message and its error make one console line, joined by one blank; a message that
-// ends in a blank therefore shows two ("Push Object failed  keyNotFound ...").
-void printWith(std::string_view message, std::string_view error) {
-    std::string line(message);
-    line += ' ';
-    line += error;
-    Console::print(line);
-}
-
-}  // namespace
 
 std::optional<std::variant<PushObj, PCampaignObject>> TessraQuill::parsePushObj(const PlistDictionary& userInfo) {
     try {
@@ -30,7 +18,7 @@ std::optional<std::variant<PushObj, PCampaignObject>> TessraQuill::parsePushObj(
         try {
             data = coding::serialize(userInfo);
         } catch (const std::exception& error) {
-            printWith("JSON serialization failed", error.what());
+            Console::print("JSON serialization failed", error.what());
             return std::nullopt;
         }
         try {
@@ -62,7 +50,7 @@ std::shared_ptr<NotificationObject> TessraQuill::getNotificationContent(const Pl
         try {
             data = coding::serialize(userInfo);
         } catch (const std::exception& error) {
-            printWith("JSON serialization failed ", error.what());
+            Console::print("JSON serialization failed ", error.what());
             return nullptr;
         }
         std::optional<PushObj> push;
@@ -70,14 +58,14 @@ std::shared_ptr<NotificationObject> TessraQuill::getNotificationContent(const Pl
             from_json(data, push.emplace());
         } catch (const DecodingError& error) {
             push.reset();
-            printWith("Push Object failed ", error.description());
+            Console::print("Push Object failed ", error.description());
         }
         std::optional<PCampaignObject> campaign;
         try {
             from_json(data, campaign.emplace());
         } catch (const DecodingError& error) {
             campaign.reset();
-            printWith("Push Campaign object failed ", error.description());
+            Console::print("Push Campaign object failed ", error.description());
         }
         // The campaign shape wins here: the content extension shows all its entries.
         auto content = std::make_shared<NotificationObject>();

@@ -2,12 +2,21 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Bundle.hpp>
+#include <tessrakite/platform/FileRoots.hpp>
+#include <tessrakite/crash/JtCrashLogFile.hpp>
+#include <tessrakite/crash/JtCrashLogger.hpp>
+#include <tessrakite/crash/JtCrashReporter.hpp>
+#include <tessrakite/crash/OperationQueue.hpp>
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/push/NotificationObject.hpp>
 #include <tessrakite/push/PCampaignObject.hpp>
@@ -211,6 +220,42 @@ Json messageJson(const TessraReceivedObject& m) {
         j["actions"] = actions;
     }
     return j;
+}
+
+// ---- Crashes on request ----
+
+[[noreturn]] void throwUncaught() { throw std::runtime_error("tessra-host: exception requested by the script"); }
+
+// Recursion that the optimiser cannot turn into a loop: every frame keeps a live buffer.
+int overflowStack(int depth) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(depth);
+    if (depth < 0) return frame[0];
+    return overflowStack(depth + 1) + frame[0];
+}
+
+void crashAsAsked(const std::string& kind) {
+    static const std::map<std::string, int> signals = {{"SIGABRT", SIGABRT}, {"SIGBUS", SIGBUS}, {"SIGFPE", SIGFPE},
+                                                       {"SIGILL", SIGILL},   {"SIGSEGV", SIGSEGV}, {"SIGTRAP", SIGTRAP}};
+    std::fflush(stdout);
+    if (auto it = signals.find(kind); it != signals.end()) {
+        std::raise(it->second);
+        return;
+    }
+    if (kind == "nullWrite") {
+        volatile int* volatile nowhere = nullptr;
+        *nowhere = 1;
+        return;
+    }
+    if (kind == "stackOverflow") {
+        (void)overflowStack(0);
+        return;
+    }
+    if (kind == "exception") {
+        // Thrown through a function that may not throw: the terminate handler sees it live.
+        []() noexcept { throwUncaught(); }();
+    }
+    throw BadArguments("unknown crash kind \"" + kind + "\"");
 }
 
 platform::DeviceOrientation orientationNamed(const std::string& name) {
@@ -449,6 +494,38 @@ void Host::registerOperations() {
         if (!granted) throw BadArguments("missing \"granted\"");
         headless_.userNotificationCenter->setAuthorizationAnswer(*granted, it->second);
         return Json(nullptr);
+    };
+
+    // ---- Crash capture ----
+    ops["crash.registerLogger"] = [](const Json&) { return Json(JtCrashLogger::registerLogger()); };
+    ops["crash.trigger"] = [](const Json& a) {
+        crashAsAsked(stringArg(a, "kind"));
+        return Json(nullptr);
+    };
+    ops["crash.logFile"] = [](const Json&) {
+        std::ifstream in(JtCrashLogger::getLogFileName(), std::ios::binary);
+        if (!in) return Json(nullptr);
+        return Json(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()));
+    };
+    ops["crash.writeRecord"] = [](const Json& a) {
+        JtCrashLogFile record;
+        record.type = static_cast<std::int32_t>(integerArg(a, "type"));
+        record.address = static_cast<std::uint32_t>(integerArg(a, "address"));
+        record.code = integerArg(a, "code");
+        if (auto it = a.find("callStack"); it != a.end() && it->is_array())
+            record.callStack = it->get<std::vector<std::string>>();
+        if (a.contains("appVersion")) record.appVersion = stringArg(a, "appVersion");
+        if (a.contains("info")) record.info = stringArg(a, "info");
+        if (a.contains("buildVersion")) record.buildVersion = stringArg(a, "buildVersion");
+        const auto folder = std::filesystem::path(JtCrashLogger::getLogPath());
+        platform::FileRoots::ensureDirectory(folder);
+        const auto file = folder / ("record-" + std::to_string(record.address) + "-" + std::to_string(record.code));
+        if (!record.writeToFile(file)) throw std::runtime_error("could not write " + file.string());
+        return Json(file.string());
+    };
+    ops["crash.reportLogs"] = [](const Json&) {
+        auto queue = JtCrashReporter::reportLogs();
+        return Json(queue ? queue->waitUntilAllOperationsAreFinished(60.0) : true);
     };
 
     // ---- The shared store ----

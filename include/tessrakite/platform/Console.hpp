@@ -16,6 +16,9 @@ public:
 
     /// Prints one line (a text may itself hold line breaks; it stays one line for sinks).
     static void print(std::string_view text);
+    /// A message and what it is about on one line, joined by one blank as the platform's
+    /// print of two items does: a message ending in a blank shows two.
+    static void print(std::string_view message, std::string_view detail);
     /// Replaces the sink; an empty function restores the default.
     static void setSink(Sink sink);
 };

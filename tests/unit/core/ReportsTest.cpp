@@ -177,7 +177,7 @@ TEST_F(Reports, SessionEndsOnlyAtTerminationAndWaitsOnlyForItsReports) {
     const auto begin = std::chrono::steady_clock::now();
     center->post(N::willTerminate);
     const auto waited = std::chrono::steady_clock::now() - begin;
-    EXPECT_EQ(console->count("Session ended 2023-11-14 22:13:20 +0000"), 1u);
+    EXPECT_EQ(console->count("Session ended  2023-11-14 22:13:20 +0000"), 1u);
     EXPECT_EQ(backend->requestsTo("/v2/activity").size(), 3u);  // the screen view went out before the end
     EXPECT_LT(waited, std::chrono::seconds(10));
 }

@@ -38,7 +38,7 @@ TEST_F(Startup, FirstStartFetchesTheDocumentThenReportsInstallAndOpen) {
     EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200, 205}));
     EXPECT_EQ(storage().getBool(StorageKey::reg), true);
     EXPECT_TRUE(console->contains("ENTER INSTALL ACTIVITY"));
-    EXPECT_TRUE(console->contains("INSTALL SENT 201"));
+    EXPECT_TRUE(console->contains("INSTALL SENT  201"));
     EXPECT_EQ(storage().getStringFromStorage(StorageKey::lastModified), "Tue, 14 Nov 2023 22:13:20 GMT");
     EXPECT_EQ(TessraQuill::getUtm("ht"), "demo-key");
 }
