@@ -30,6 +30,7 @@ STEP_TIMEOUT = 20.0   # seconds a step may take before the host counts as stuck
 EXIT_TIMEOUT = 15.0   # seconds a host may take to end after its input closed
 NARRATOR_KEYS = ("say", "expect")
 WIDTH = 100
+MAX_TEXT_LINES = 12
 
 # ---- output --------------------------------------------------------------------------
 
@@ -120,7 +121,8 @@ def describe_request(record):
         token = str(body.get("token") or "")
         what = "user record, token " + (token[:8] + "..." if len(token) > 8 else token or "none")
     elif path == "/post.php":
-        what = "crash upload " + record.get("query", "")
+        query = dict(part.partition("=")[::2] for part in record.get("query", "").split("&") if part)
+        what = f"crash record (version {query.get('ver', '?')}, code {query.get('code', '?')})"
     shown = "dropped" if status == 0 else str(status)
     return f"{method:<4} {clip(path, 40):<40} {shown:>4}  {what}".rstrip()
 
@@ -261,7 +263,7 @@ class Narrator:
         except ValueError:
             message = None
         if not isinstance(message, dict):
-            line("host", text)
+            line("stdout", clip(text, WIDTH))  # written past the host's JSON lines
             return None
         if "console" in message:
             line("console", str(message["console"]))
@@ -280,8 +282,16 @@ class Narrator:
             line("error", str(message["error"]))
             return str(message["error"])
         elif "result" in message:
-            if message["result"] is not None:
-                line("result", clip(compact(message["result"]), WIDTH - 16))
+            result = message["result"]
+            if isinstance(result, str) and "\n" in result:
+                # A text (such as a crash report) reads better as its lines.
+                rows = result.rstrip("\n").split("\n")
+                shown = [clip(row, WIDTH - 16) for row in rows[:MAX_TEXT_LINES]]
+                if len(rows) > MAX_TEXT_LINES:
+                    shown.append(f"... ({len(rows) - MAX_TEXT_LINES} more lines)")
+                line("result", "\n".join(shown))
+            elif result is not None:
+                line("result", clip(compact(result), WIDTH - 16))
         else:
             line("host", clip(text, WIDTH))
         return None
