@@ -133,15 +133,10 @@ void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::sha
         facade().initialized = true;
     }
     initUtmAndSession({{"ht", captured->apiKey()}});
-    auto& storage = TessraQuill::storageManager();
-    if (detail::storedSwitch(storage, StorageKey::push)) {
-        if (storage.wasDisabled().value_or(false)) (void)storage.getToken();
-        // Beacon monitoring and crash capture start with their own subsystems.
-        (void)detail::storedSwitch(storage, StorageKey::beacon);
-        (void)detail::storedSwitch(storage, StorageKey::crash);
-    } else {
+    // With push on, nothing more happens here: beacon monitoring starts with the location
+    // subsystem and crash capture when the host registers the logger.
+    if (!detail::storedSwitch(TessraQuill::storageManager(), StorageKey::push))
         Console::print("Notification service is not enabled");
-    }
 }
 
 }  // namespace

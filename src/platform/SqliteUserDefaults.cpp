@@ -250,7 +250,7 @@ std::string asideName(const std::filesystem::path& file) {
 }  // namespace
 
 struct SqliteUserDefaults::Impl {
-    enum class Opened { ok, corrupt, failed };
+    enum class Opened { ok, corrupt, busy, failed };
 
     Impl(std::filesystem::path f, const Options& o) : file(std::move(f)), options(o), busy{o.busyTimeout, {}} {}
     ~Impl() { disconnect(); }
@@ -289,7 +289,9 @@ struct SqliteUserDefaults::Impl {
 
     Opened classify(int rc, std::string& why) const {
         why = lastError(rc);
-        return isCorruption(rc) ? Opened::corrupt : Opened::failed;
+        if (isCorruption(rc)) return Opened::corrupt;
+        const int primary = rc & 0xff;
+        return primary == SQLITE_BUSY || primary == SQLITE_LOCKED ? Opened::busy : Opened::failed;
     }
 
     int prepare(const char* sql, sqlite3_stmt** stmt) {
@@ -373,6 +375,15 @@ struct SqliteUserDefaults::Impl {
     bool connect() {
         std::string why;
         Opened result = tryConnect(why);
+        // Two processes opening a new store at once race to switch it to WAL; SQLite
+        // answers the loser "locked" without calling the busy handler. Try again.
+        const auto giveUp = std::chrono::steady_clock::now() + options.busyTimeout;
+        for (auto pause = 1ms; result == Opened::busy && std::chrono::steady_clock::now() < giveUp;
+             pause = std::min(pause * 2, std::chrono::milliseconds(50))) {
+            disconnect();
+            std::this_thread::sleep_for(pause);
+            result = tryConnect(why);
+        }
         if (result == Opened::corrupt) {
             disconnect();
             moveAside(why);
