@@ -47,14 +47,17 @@ void SessionHelper::appBecameInactive() {
 
 void SessionHelper::appBecameBackground() {
     auto application = platform::currentPlatform()->application;
-    auto task = application->beginBackgroundTask("ksession", [this, application] {
+    // The application keeps the handler: hold it weakly so the two do not keep each other.
+    std::weak_ptr<platform::Application> weakApplication = application;
+    auto task = application->beginBackgroundTask("ksession", [this, weakApplication] {
         platform::BackgroundTaskIdentifier expired;
         {
             std::lock_guard lock(mutex_);
             expired = bgTask_;
             bgTask_ = platform::invalidBackgroundTask;
         }
-        if (expired != platform::invalidBackgroundTask) application->endBackgroundTask(expired);
+        auto app = weakApplication.lock();
+        if (app && expired != platform::invalidBackgroundTask) app->endBackgroundTask(expired);
     });
     std::lock_guard lock(mutex_);
     bgTask_ = task;
