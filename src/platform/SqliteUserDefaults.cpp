@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -191,25 +190,25 @@ public:
     WalHeaderWatch& operator=(const WalHeaderWatch&) = delete;
     ~WalHeaderWatch() { close(); }
 
-    bool open(const std::filesystem::path& shm) {
+    /// Borrows SQLite's own mapping of the index's first region from the connection. An
+    /// fd of our own on the -shm file would be wrong: closing it drops every POSIX lock
+    /// this process holds on that file, SQLite's included, and another process could
+    /// then reset the index under us.
+    bool attach(sqlite3* db) {
         close();
-        int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0) return false;
-        struct stat st {};
-        // SQLite sizes the file in 32 KiB regions; a shorter one is not an index in use.
-        bool usable = ::fstat(fd, &st) == 0 && st.st_size >= 32768;
-        void* map = usable ? ::mmap(nullptr, kMapBytes, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
-        ::close(fd);
-        if (map == MAP_FAILED) return false;
-        map_ = map;
-        header_ = static_cast<const std::uint32_t*>(map);
+        sqlite3_file* file = nullptr;
+        if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK || !file ||
+            !file->pMethods || file->pMethods->iVersion < 2 || !file->pMethods->xShmMap)
+            return false;
+        volatile void* region = nullptr;
+        if (file->pMethods->xShmMap(file, 0, kRegionBytes, 0, &region) != SQLITE_OK || !region) return false;
+        header_ = const_cast<const std::uint32_t*>(static_cast<volatile std::uint32_t*>(region));
         acknowledged_.reset();
         return true;
     }
 
+    /// SQLite unmaps the region when the connection closes; call this before that.
     void close() {
-        if (map_) ::munmap(map_, kMapBytes);
-        map_ = nullptr;
         header_ = nullptr;
         acknowledged_.reset();
     }
@@ -227,8 +226,7 @@ public:
     void forget() { acknowledged_.reset(); }
 
 private:
-    static constexpr std::size_t kMapBytes = 4096;
-    void* map_ = nullptr;
+    static constexpr int kRegionBytes = 32768;  // the size SQLite maps index regions in
     const std::uint32_t* header_ = nullptr;
     std::array<std::uint32_t, kWords> seen_{};
     std::optional<std::array<std::uint32_t, kWords>> acknowledged_;
@@ -368,7 +366,7 @@ struct SqliteUserDefaults::Impl {
         for (const auto& [sql, stmt] : statements)
             if ((rc = prepare(sql, stmt)) != SQLITE_OK) return classify(rc, why);
 
-        if (options.walHeaderPrecheck && journalMode == "wal") walHeader.open(file.string() + "-shm");
+        if (options.walHeaderPrecheck && journalMode == "wal") walHeader.attach(db);
         return Opened::ok;
     }
 
