@@ -24,6 +24,7 @@ std::string sampleBundle() {
     auto folder = platform::FileRoots::home() / "Bundles" / "Sample.app";
     platform::FileRoots::ensureDirectory(folder);
     PlistDictionary info{{"CFBundleIdentifier", "com.example.sample"},
+                         {"CFBundleName", "Sample"},
                          {"CFBundleDisplayName", "Sample"},
                          {"CFBundleShortVersionString", "1.0"},
                          {"CFBundleVersion", "1"},
