@@ -1,12 +1,14 @@
 #include "ChildProcess.hpp"
 
 #include <csignal>
-#include <cstring>
+#include <random>
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "TestEnv.hpp"
 
 extern char** environ;
 
@@ -108,17 +110,12 @@ bool ChildProcess::waitForLine(const std::function<bool(const std::string&)>& ma
                                std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
     std::size_t checked = 0;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        for (; checked < lines_.size(); ++checked)
-            if (match(lines_[checked])) return true;
-        if (outputClosed_) return false;
-        if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) {
-            for (; checked < lines_.size(); ++checked)
-                if (match(lines_[checked])) return true;
-            return false;
-        }
-    }
+    bool hit = false;
+    changed_.wait_for(lock, timeout, [&] {
+        for (; !hit && checked < lines_.size(); ++checked) hit = match(lines_[checked]);
+        return hit || outputClosed_;
+    });
+    return hit;
 }
 
 std::vector<std::string> ChildProcess::lines() const {
@@ -150,6 +147,44 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
 std::optional<int> ChildProcess::stop(int signal, std::chrono::milliseconds timeout) {
     if (pid_ > 0 && !exitCode_) ::kill(pid_, signal);
     return wait(timeout);
+}
+
+TempFolder::TempFolder() {
+    std::random_device random;
+    path_ = std::filesystem::temp_directory_path() /
+            ("tessra-test-" + std::to_string(::getpid()) + "-" + std::to_string(random()));
+    std::filesystem::create_directories(path_);
+}
+
+TempFolder::~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+Sandbox::Sandbox(const std::vector<std::string>& arguments)
+    : process_(binary("tessra-sandbox"), [&] {
+          auto words = arguments;
+          words.insert(words.end(), {"--state", state_.path().string()});
+          return words;
+      }()) {
+    ready_ = process_.waitForLine([](const std::string& line) { return line == "# ready"; }, 60s);
+    for (const auto& line : process_.lines()) {
+        if (line.rfind("export ", 0) != 0) continue;
+        const auto equals = line.find('=');
+        std::string value = line.substr(equals + 1);
+        if (value.size() >= 2 && value.front() == '\'') value = value.substr(1, value.size() - 2);
+        environment_[line.substr(7, equals - 7)] = value;
+    }
+}
+
+std::string Sandbox::exported(const std::string& name) const {
+    const auto found = environment_.find(name);
+    return found == environment_.end() ? std::string() : found->second;
+}
+
+int Sandbox::port(const std::string& variable) const {
+    const std::string host = exported(variable);
+    return std::stoi(host.substr(host.rfind(':') + 1));
 }
 
 }  // namespace tessrakite::test

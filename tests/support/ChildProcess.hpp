@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
@@ -58,6 +59,41 @@ private:
     std::condition_variable changed_;
     std::vector<std::string> lines_;
     bool outputClosed_ = false;
+};
+
+/// A fresh folder under the system's temporary folder, removed with its contents.
+class TempFolder {
+public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+/// tessra-sandbox on free ports with a state folder of its own, stopped with SIGTERM at the end.
+/// `environment()` holds the variables it announced before "# ready".
+class Sandbox {
+public:
+    explicit Sandbox(const std::vector<std::string>& arguments = {});
+    ~Sandbox() { process_.stop(SIGTERM, std::chrono::seconds(30)); }
+
+    bool ready() const { return ready_; }
+    const std::map<std::string, std::string>& environment() const { return environment_; }
+    std::string exported(const std::string& name) const;
+    /// The port of an announced "127.0.0.1:<port>" host.
+    int port(const std::string& variable) const;
+    const std::filesystem::path& state() const { return state_.path(); }
+    ChildProcess& process() { return process_; }
+
+private:
+    TempFolder state_;
+    ChildProcess process_;
+    bool ready_ = false;
+    std::map<std::string, std::string> environment_;
 };
 
 }  // namespace tessrakite::test
