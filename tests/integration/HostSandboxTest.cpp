@@ -103,6 +103,32 @@ TEST_F(HostSandboxTest, FirstStartFetchesTheDocumentThenReportsTheInstallThenThe
                                               "POST /v2/activity 201 code 205"}));
 }
 
+TEST_F(HostSandboxTest, TokenRegistrationReachesTheUserEndpointAndTheDelegate) {
+    Sandbox sandbox;
+    ASSERT_TRUE(sandbox.ready());
+    const auto lines = runHost({R"({"op":"build","push":true,"analytics":true})", R"({"op":"initialize"})",
+                                R"({"op":"authorization","granted":true,"status":"authorized"})",
+                                R"({"op":"registerToken","hex":"00ab10"})", R"({"op":"registerToken","hex":"00ab10"})",
+                                R"({"op":"exit"})"},
+                               sandbox.environment());
+    const long changed = indexOf(lines, {{"delegate", "notificationTokenChanged"}, {"args", {{"token", "00ab10"}}}});
+    ASSERT_GE(changed, 0);
+    const long registered = indexOf(lines, {{"delegate", "tessraInited"}, {"args", {{"inited", true}}}}, changed);
+    ASSERT_GT(registered, changed);
+    // The same token again is not sent again: the delegate only hears that all is well.
+    EXPECT_GT(indexOf(lines, {{"delegate", "tessraInited"}, {"args", {{"inited", true}}}}, registered + 1), registered);
+
+    std::vector<json> users;
+    std::ifstream log(sandbox.state() / "requests.jsonl");
+    for (std::string line; std::getline(log, line);) {
+        const json request = json::parse(line, nullptr, false);
+        if (request.is_object() && request.value("path", "") == "/v2/users") users.push_back(request);
+    }
+    ASSERT_EQ(users.size(), 1u);
+    EXPECT_EQ(users[0].value("status", 0), 201);
+    EXPECT_EQ(json::parse(users[0].value("body", "{}")).value("token", ""), "00ab10");
+}
+
 TEST_F(HostSandboxTest, AnswersABadLineWithAnErrorLineAndGoesOn) {
     // No initialize: nothing here reaches the network.
     struct Case {
