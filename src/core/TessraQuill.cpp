@@ -98,17 +98,18 @@ void updateSession(StorageManager& storage) {
     }
 }
 
+std::string defaultConfigUrl() { return "https://" + platform::deploymentHost(platform::DeploymentHost::cdn) + "/tag"; }
+
 void setDefaultDomains(StorageManager& storage) {
     auto& defaults = *storage.defaultStorage;
     const auto tracking = platform::deploymentHost(platform::DeploymentHost::tracking);
-    const auto cdn = platform::deploymentHost(platform::DeploymentHost::cdn);
     const auto activity = "https://" + tracking + "/v2/activity?type=mobile";
     defaults.set(rawValue(StorageKey::activityUrl), PlistValue(activity));
     defaults.set(rawValue(StorageKey::userUrl), PlistValue("https://" + tracking + "/v2/users?type=mobile"));
     // The crash switch's key, not "tx_crash_url": its Boolean reading becomes false. Kept
     // as the backend's installations expect it.
     defaults.set(rawValue(StorageKey::crash), PlistValue(activity));
-    defaults.set(rawValue(StorageKey::configUrl), PlistValue("https://" + cdn + "/tag"));
+    defaults.set(rawValue(StorageKey::configUrl), PlistValue(defaultConfigUrl()));
 }
 
 void initUtmAndSession(const std::map<std::string, std::string>& utm) {
@@ -153,20 +154,24 @@ void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
         // the caller's thread is back at once.
         detail::onUtilityQueue([config] {
             auto& storage = storageManager();
-            updateSession(storage);
-            if (!storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false))
-                setDefaultDomains(storage);
-            if (config->apiKey().empty()) {
-                Console::print("\n***************\n Missing ApiKey! \n***************\n");
-                return;
+            const bool firstStart = !storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false);
+            // The document request goes out first, so the network round trip overlaps the
+            // session writes; its answer is handled on this queue, after all of them.
+            if (firstStart) storage.defaultStorage->set(rawValue(StorageKey::configUrl), PlistValue(defaultConfigUrl()));
+            if (!config->apiKey().empty()) {
+                tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
+                    detail::onUtilityQueue([config, fetched] {
+                        try {
+                            finishStartUp(config, fetched);
+                        } catch (const std::exception& e) {
+                            Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
+                        }
+                    });
+                });
             }
-            tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
-                try {
-                    finishStartUp(config, fetched);
-                } catch (const std::exception& e) {
-                    Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
-                }
-            });
+            updateSession(storage);
+            if (firstStart) setDefaultDomains(storage);
+            if (config->apiKey().empty()) Console::print("\n***************\n Missing ApiKey! \n***************\n");
         });
     } catch (const std::exception& e) {
         Console::print(std::string("TessraQuill: initialize failed: ") + e.what());
