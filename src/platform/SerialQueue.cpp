@@ -5,6 +5,8 @@
 
 #include <tessrakite/platform/Console.hpp>
 
+#include "crash/AlternateStack.hpp"
+
 namespace tessrakite::platform {
 
 SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {}
@@ -28,6 +30,8 @@ void SerialQueue::async(std::function<void()> work) {
 }
 
 void SerialQueue::run() {
+    // A stack overflow in queued work must still reach the crash handler.
+    crash::ThreadAlternateStack alternateStack;
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] { return stopping_ || !items_.empty(); });
