@@ -31,7 +31,7 @@ bool isCreated(const std::optional<platform::HttpResponse>& response) {
 }  // namespace
 
 void TessraQuill::installOpenActivity(const std::map<std::string, std::string>& utm) {
-    if (!storageManager().defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false)) {
+    if (!detail::storedSwitch(storageManager(), StorageKey::reg)) {
         Console::print("ENTER INSTALL ACTIVITY");
         tessraSendActivity(ActivityCode::install, utm);
     } else {
@@ -80,12 +80,7 @@ void TessraQuill::tessraSendActivitySwizzle(std::int64_t code, const std::string
     }
     // Screens appear on the main thread: the count, the body and the post happen off it.
     detail::onUtilityQueue([code, page] {
-        auto& defaults = *storageManager().defaultStorage;
-        defaults.update(rawValue(StorageKey::visitedPCount), [](std::optional<PlistValue> current) {
-            std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
-            return std::optional<PlistValue>(PlistValue(value + 1));
-        });
-        defaults.synchronize();
+        storageManager().increment(StorageKey::visitedPCount);
         ActivityBody body(code, page, currentSession());
         tessraRequest().sendTessraActivityOpen(body, nullptr);
     });

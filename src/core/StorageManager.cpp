@@ -150,6 +150,13 @@ std::optional<std::map<std::string, double>> StorageManager::getDictFromStorage(
 // ---- conveniences ----
 
 std::optional<PlistValue> StorageManager::object(StorageKey key) const { return defaultStorage->object(rawValue(key)); }
+void StorageManager::increment(StorageKey key) const {
+    update(key, [](std::optional<PlistValue> current) {
+        const std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
+        return std::optional<PlistValue>(PlistValue(value + 1));
+    });
+}
+
 std::optional<bool> StorageManager::getBool(StorageKey key) const { return defaultStorage->boolValue(rawValue(key)); }
 std::optional<double> StorageManager::getDouble(StorageKey key) const {
     return defaultStorage->doubleValue(rawValue(key));

@@ -50,7 +50,7 @@ bool checkInitialized() {
 }
 
 bool storedSwitch(const StorageManager& storage, StorageKey key) {
-    return storage.defaultStorage->boolValue(rawValue(key)).value_or(false);
+    return storage.getBool(key).value_or(false);
 }
 
 void onUtilityQueue(std::function<void()> work) {
@@ -84,10 +84,7 @@ void updateSession(StorageManager& storage) {
     std::string random;
     for (int i = 0; i < 10; ++i) random.push_back(static_cast<char>('0' + digit(device)));
 
-    defaults.update(rawValue(StorageKey::sessionNum), [](std::optional<PlistValue> current) {
-        std::int64_t value = current && current->asInteger() ? *current->asInteger() : 0;
-        return std::optional<PlistValue>(PlistValue(value + 1));
-    });
+    storage.increment(StorageKey::sessionNum);
     auto clock = platform::currentPlatform()->clock;
     defaults.set(rawValue(StorageKey::sessionId), PlistValue(std::to_string(static_cast<std::int64_t>(clock->now()))));
     defaults.set(rawValue(StorageKey::visitedPCount), PlistValue(0));
@@ -154,7 +151,7 @@ void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
         // the caller's thread is back at once.
         detail::onUtilityQueue([config] {
             auto& storage = storageManager();
-            const bool firstStart = !storage.defaultStorage->boolValue(rawValue(StorageKey::reg)).value_or(false);
+            const bool firstStart = !detail::storedSwitch(storage, StorageKey::reg);
             // The document request goes out first, so the network round trip overlaps the
             // session writes; its answer is handled on this queue, after all of them.
             if (firstStart) storage.defaultStorage->set(rawValue(StorageKey::configUrl), PlistValue(defaultConfigUrl()));

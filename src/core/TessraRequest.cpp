@@ -156,12 +156,7 @@ void TessraRequest::postActivity(PostKind kind, const ActivityBody& body, Respon
             return;
         }
         StorageManager storage;
-        storage.defaultStorage->update(rawValue(StorageKey::openCounter), [](std::optional<PlistValue> current) {
-            std::int64_t value = 0;
-            if (current && current->asInteger()) value = *current->asInteger();
-            return std::optional<PlistValue>(PlistValue(value + 1));
-        });
-        storage.defaultStorage->synchronize();
+        storage.increment(StorageKey::openCounter);
         if (completion) completion(std::nullopt, result.error);
         Console::print("Request ERROR");
     });

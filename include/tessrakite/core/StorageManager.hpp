@@ -63,6 +63,8 @@ public:
     void remove(StorageKey key) const;
     /// Read-modify-write of one key, safe against the other processes of the app group.
     void update(StorageKey key, const platform::UserDefaults::Updater& fn) const;
+    /// Adds one to a stored Int in one transaction; absent (or another type) counts as 0.
+    void increment(StorageKey key) const;
 };
 
 }  // namespace tessrakite
