@@ -353,6 +353,16 @@ struct SqliteUserDefaults::Impl {
             why = check;
             return Opened::corrupt;
         }
+        // A table of another shape (an older or newer build, another tool) is not ours to
+        // read or write: the store would fail on every start.
+        std::string columns;
+        if ((rc = queryText("SELECT group_concat(name, ',') FROM pragma_table_info('defaults')", columns)) !=
+            SQLITE_OK)
+            return classify(rc, why);
+        if (columns != "key,type,value") {
+            why = "its table \"defaults\" has the columns (" + columns + "), not (key,type,value)";
+            return Opened::corrupt;
+        }
         const std::pair<const char*, sqlite3_stmt**> statements[] = {
             {"PRAGMA data_version", &dataVersionStmt},
             {kSelect, &selectStmt},
@@ -363,8 +373,16 @@ struct SqliteUserDefaults::Impl {
             {"COMMIT", &commitStmt},
             {"ROLLBACK", &rollbackStmt},
         };
-        for (const auto& [sql, stmt] : statements)
-            if ((rc = prepare(sql, stmt)) != SQLITE_OK) return classify(rc, why);
+        for (const auto& [sql, stmt] : statements) {
+            if ((rc = prepare(sql, stmt)) == SQLITE_OK) continue;
+            // Our own statements only fail to compile against a table that is not ours
+            // (the right column names, but no key constraint, say).
+            if ((rc & 0xff) == SQLITE_ERROR) {
+                why = "its table \"defaults\" is not a key/value table: " + lastError(rc);
+                return Opened::corrupt;
+            }
+            return classify(rc, why);
+        }
 
         if (options.walHeaderPrecheck && journalMode == "wal") walHeader.attach(db);
         return Opened::ok;
@@ -558,50 +576,66 @@ struct SqliteUserDefaults::Impl {
         remember(key, value);
     }
 
-    void update(std::string_view key, const Updater& fn) {
+    // Reads `keys`, lets `fn` change the values and writes every key left in them, all in
+    // one immediate transaction.
+    void update(const std::vector<std::string>& keys, const BatchUpdater& fn, const std::string& what) {
         // Whatever happens below, no transaction is left open on the connection.
         struct RollbackOnExit {
             Impl& impl;
             ~RollbackOnExit() { impl.rollback(); }
         } guard{*this};
-        std::optional<PlistValue> current;
-        auto unsavedIt = unsaved.find(key);
+        Values values;
         int rc = withRecovery([&] {
+            values.clear();
             int r = run(beginStmt);
             if (r != SQLITE_OK) return r;
-            if (unsavedIt != unsaved.end()) {
-                current = unsavedIt->second;
-                return SQLITE_OK;
+            for (const auto& key : keys) {
+                if (auto it = unsaved.find(key); it != unsaved.end()) {
+                    values.insert_or_assign(key, it->second);
+                    continue;
+                }
+                std::optional<PlistValue> current;
+                r = selectRow(key, current);
+                if (r != SQLITE_OK) {
+                    rollback();
+                    return r;
+                }
+                values.insert_or_assign(key, std::move(current));
             }
-            r = selectRow(key, current);
-            if (r != SQLITE_OK) rollback();
-            return r;
+            return SQLITE_OK;
         });
         const bool inTransaction = rc == SQLITE_OK;
-        if (!inTransaction) current = read(key);  // decide on what this process sees
+        if (!inTransaction) {  // decide on what this process sees
+            values.clear();
+            for (const auto& key : keys) values.insert_or_assign(key, read(key));
+        }
 
-        std::optional<PlistValue> next;
         try {
-            next = fn(std::move(current));
+            fn(values);
         } catch (const std::exception& e) {
-            Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed: " + e.what());
+            Console::print("UserDefaults: update of \"" + what + "\" failed: " + e.what());
             return;
         } catch (...) {
-            Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed");
+            Console::print("UserDefaults: update of \"" + what + "\" failed");
             return;
         }
-        if (next && next->isNull()) next.reset();
+        for (auto& [key, value] : values)
+            if (value && value->isNull()) value.reset();
 
         if (inTransaction) {
-            rc = store(key, next);
+            for (const auto& [key, value] : values)
+                if ((rc = store(key, value)) != SQLITE_OK) break;
             if (rc == SQLITE_OK) rc = run(commitStmt);
         }
         if (rc != SQLITE_OK) {
-            keepUnsaved(key, next, rc);
+            rollback();
+            for (const auto& [key, value] : values) keepUnsaved(key, value, rc);
             return;
         }
-        unsaved.erase(std::string(key));
-        remember(key, next);
+        for (const auto& [key, value] : values) {
+            unsaved.erase(key);
+            remember(key, value);
+        }
     }
 
     PlistDictionary all() {
@@ -684,11 +718,22 @@ void SqliteUserDefaults::removeObject(std::string_view key) {
 
 void SqliteUserDefaults::update(std::string_view key, const Updater& fn) {
     if (!fn) return;
+    std::string name(key);
+    update({name}, [&](Values& values) {
+        auto& value = values[name];
+        value = fn(std::move(value));
+    });
+}
+
+void SqliteUserDefaults::update(const std::vector<std::string>& keys, const BatchUpdater& fn) {
+    if (!fn) return;
+    std::string what;
     try {
+        for (const auto& key : keys) what += (what.empty() ? "" : ", ") + key;
         std::lock_guard lock(impl_->mutex);
-        impl_->update(key, fn);
+        impl_->update(keys, fn, what);
     } catch (const std::exception& e) {
-        Console::print("UserDefaults: update of \"" + std::string(key) + "\" failed: " + e.what());
+        Console::print("UserDefaults: update of \"" + what + "\" failed: " + e.what());
     } catch (...) {
     }
 }

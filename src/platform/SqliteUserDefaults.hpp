@@ -47,6 +47,8 @@ public:
     /// `fn` runs inside the write transaction and under the store's lock: it must not use
     /// this store.
     void update(std::string_view key, const Updater& fn) override;
+    /// As above: one transaction for all of `keys`.
+    void update(const std::vector<std::string>& keys, const BatchUpdater& fn) override;
     PlistDictionary dictionaryRepresentation() override;
     /// False while a write of this process could not be saved (its value is then only
     /// visible in this process).

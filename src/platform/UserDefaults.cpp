@@ -60,13 +60,27 @@ std::optional<PlistDictionary> UserDefaults::dictionary(std::string_view key) {
     return std::move(*v->asDictionary());
 }
 
+void UserDefaults::update(const std::vector<std::string>& keys, const BatchUpdater& fn) {
+    if (!fn) return;
+    Values values;
+    for (const auto& key : keys) values.insert_or_assign(key, object(key));
+    fn(values);
+    for (const auto& [key, value] : values) {
+        if (value && !value->isNull())
+            set(key, *value);
+        else
+            removeObject(key);
+    }
+}
+
 // ---- one store per database file and process ----
 
 namespace {
 
 std::shared_ptr<UserDefaults> sharedStore(const std::filesystem::path& file) {
-    static std::mutex mutex;
-    static std::map<std::filesystem::path, std::shared_ptr<UserDefaults>> stores;
+    // Never destroyed: a network completion may still write while the process exits.
+    static auto& mutex = *new std::mutex;
+    static auto& stores = *new std::map<std::filesystem::path, std::shared_ptr<UserDefaults>>;
     static pid_t owner = ::getpid();
 
     std::lock_guard lock(mutex);

@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <tessrakite/Export.hpp>
 #include <tessrakite/platform/PlistValue.hpp>
@@ -26,6 +28,13 @@ public:
     /// `fn` gets the current value (or nothing) and returns the new one (nothing removes).
     using Updater = std::function<std::optional<PlistValue>(std::optional<PlistValue>)>;
     virtual void update(std::string_view key, const Updater& fn) = 0;
+    /// Several keys in one transaction: `fn` gets the current value of each of `keys`
+    /// (nothing when missing) and may change, add or erase entries; every key left in the
+    /// map is then written (nothing removes it). Other processes see all of it or none.
+    /// The base version reads and writes key by key, without that guarantee.
+    using Values = std::map<std::string, std::optional<PlistValue>, std::less<>>;
+    using BatchUpdater = std::function<void(Values&)>;
+    virtual void update(const std::vector<std::string>& keys, const BatchUpdater& fn);
     virtual PlistDictionary dictionaryRepresentation() = 0;
     /// Writes are already durable; kept for callers written against the platform store.
     virtual bool synchronize() { return true; }

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <tessrakite/platform/FileRoots.hpp>
 #include <tessrakite/platform/UserDefaults.hpp>
@@ -217,27 +218,46 @@ TEST_F(UserDefaultsTest, ThreadsShareTheStoreAndAThrowingUpdateChangesNothing) {
     EXPECT_FALSE(open()->object("counter")) << "no transaction was left open, and update can remove";
 }
 
-TEST_F(UserDefaultsTest, AGarbageFilledDatabaseIsMovedAsideWithOneConsoleLine) {
-    fs::create_directories(dbPath().parent_path());
-    {
-        std::ofstream out(dbPath(), std::ios::binary);
-        for (int i = 0; i < 8192; ++i) out.put(static_cast<char>((i * 7919) % 251));
+TEST_F(UserDefaultsTest, AnUnreadableOrForeignDatabaseIsMovedAsideWithOneConsoleLine) {
+    auto withSql = [this](const char* sql) {
+        return [this, sql] {
+            sqlite3* db = nullptr;
+            ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db), SQLITE_OK);
+            EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+            sqlite3_close(db);
+        };
+    };
+    const std::vector<std::pair<std::string, std::function<void()>>> cases = {
+        {"garbage",
+         [this] {
+             std::ofstream out(dbPath(), std::ios::binary);
+             for (int i = 0; i < 8192; ++i) out.put(static_cast<char>((i * 7919) % 251));
+         }},
+        // A downgrade, or another tool's table of the same name.
+        {"other columns", withSql("CREATE TABLE defaults(k TEXT, v BLOB); INSERT INTO defaults VALUES('a', 'b')")},
+        {"our columns without the key", withSql("CREATE TABLE defaults(key TEXT, type INTEGER, value)")},
+    };
+    for (const auto& [name, make] : cases) {
+        SCOPED_TRACE(name);
+        fs::remove_all(dbPath().parent_path());
+        fs::create_directories(dbPath().parent_path());
+        make();
+        ConsoleCapture console;
+        auto store = open();
+        ASSERT_TRUE(store);
+        ASSERT_EQ(console.lines().size(), 1u);
+        EXPECT_EQ(console.lines()[0].rfind("UserDefaults: ", 0), 0u) << console.lines()[0];
+        int movedAside = 0;  // the database, not its WAL or journal
+        for (const auto& e : fs::directory_iterator(dbPath().parent_path())) {
+            const std::string file = e.path().filename().string();
+            movedAside += file.rfind("defaults.sqlite.corrupt-", 0) == 0 && file.find("-wal") == std::string::npos &&
+                          file.find("-journal") == std::string::npos;
+        }
+        EXPECT_EQ(movedAside, 1);
+        store->set("after", "works");
+        EXPECT_EQ(open()->string("after"), "works");
+        EXPECT_EQ(console.lines().size(), 1u);
     }
-    ConsoleCapture console;
-    auto store = open();
-    ASSERT_TRUE(store);
-    ASSERT_EQ(console.lines().size(), 1u);
-    EXPECT_EQ(console.lines()[0].rfind("UserDefaults: ", 0), 0u) << console.lines()[0];
-    int movedAside = 0;  // the database, not its WAL or journal
-    for (const auto& e : fs::directory_iterator(dbPath().parent_path())) {
-        const std::string name = e.path().filename().string();
-        movedAside += name.rfind("defaults.sqlite.corrupt-", 0) == 0 && name.find("-wal") == std::string::npos &&
-                      name.find("-journal") == std::string::npos;
-    }
-    EXPECT_EQ(movedAside, 1);
-    store->set("after", "works");
-    EXPECT_EQ(open()->string("after"), "works");
-    EXPECT_EQ(console.lines().size(), 1u);
 }
 
 TEST_F(UserDefaultsTest, FailedWriteIsReportedAndStaysVisibleInThisProcessOnly) {
