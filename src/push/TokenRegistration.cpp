@@ -11,11 +11,19 @@ namespace tessrakite {
 
 namespace {
 
-/// Delegate calls go to the main queue, where a host expects its callbacks.
-void onDelegate(std::function<void(TessraQuillDelegate&)> call) {
-    platform::currentPlatform()->mainQueue().async([call = std::move(call)] {
-        if (auto delegate = TessraQuill::tessraDelegate()) call(*delegate);
-    });
+/// Called on the thread of the completion that decides the call (the authorization's or
+/// the request's), not on the main queue: the host hears of the result before anything
+/// else happens to it.
+void onDelegate(const std::function<void(TessraQuillDelegate&)>& call) {
+    auto delegate = TessraQuill::tessraDelegate();
+    if (!delegate) return;
+    try {
+        call(*delegate);
+    } catch (const std::exception& e) {
+        Console::print(std::string("TessraQuillDelegate threw: ") + e.what());
+    } catch (...) {
+        Console::print("TessraQuillDelegate threw");
+    }
 }
 
 }  // namespace

@@ -181,8 +181,12 @@ void HeadlessApplication::expireBackgroundTasks() {
 
 HeadlessUserNotificationCenter::HeadlessUserNotificationCenter(std::shared_ptr<Effects> effects,
                                                                std::shared_ptr<RunLoop> runLoop,
-                                                               std::shared_ptr<Clock> clock)
-    : effects_(std::move(effects)), runLoop_(std::move(runLoop)), clock_(std::move(clock)) {}
+                                                               std::shared_ptr<Clock> clock,
+                                                               std::shared_ptr<SerialQueue> answerQueue)
+    : effects_(std::move(effects)),
+      runLoop_(std::move(runLoop)),
+      clock_(std::move(clock)),
+      answerQueue_(std::move(answerQueue)) {}
 
 void HeadlessUserNotificationCenter::requestAuthorization(
     unsigned options, std::function<void(bool, std::optional<std::string>)> completion) {
@@ -194,7 +198,12 @@ void HeadlessUserNotificationCenter::requestAuthorization(
         status_ = answerStatus_;
     }
     effects_->emit("requestAuthorization", {{"options", options}, {"granted", granted}});
-    if (completion) runLoop_->async([completion, granted] { completion(granted, std::nullopt); });
+    if (!completion) return;
+    auto answer = [completion, granted] { completion(granted, std::nullopt); };
+    if (answerQueue_)
+        answerQueue_->async(answer);
+    else
+        runLoop_->async(answer);
 }
 
 void HeadlessUserNotificationCenter::getNotificationSettings(std::function<void(UNNotificationSettings)> completion) {
@@ -441,7 +450,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.effects = std::make_shared<Effects>();
     h.notificationCenter = std::make_shared<HeadlessNotificationCenter>();
     h.application = std::make_shared<HeadlessApplication>(h.effects, runLoop);
-    h.userNotificationCenter = std::make_shared<HeadlessUserNotificationCenter>(h.effects, runLoop, clock);
+    h.userNotificationCenter = std::make_shared<HeadlessUserNotificationCenter>(h.effects, runLoop, clock, utility);
     h.screen = std::make_shared<HeadlessScreen>();
     h.device = std::make_shared<HeadlessDevice>();
     h.platform = std::make_shared<Platform>();

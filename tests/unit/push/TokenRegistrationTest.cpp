@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <thread>
+
 #include <tessrakite/core/TessraQuill.hpp>
 
 #include "SdkFixture.hpp"
@@ -11,9 +14,20 @@ using test::Answer;
 using nlohmann::ordered_json;
 
 struct RecordingDelegate : TessraQuillDelegate {
+    void notificationTokenChanged(const std::string& token) override { record("tokenChanged:" + token); }
+    void tessraInited(bool inited) override { record(inited ? "inited:true" : "inited:false"); }
+
+    void record(std::string call) {
+        std::lock_guard lock(mutex);
+        calls.push_back(std::move(call));
+        onMainThread.push_back(std::this_thread::get_id() == mainThread);
+        storedToken.push_back(StorageManager().getToken().value_or(""));
+    }
+    std::mutex mutex;
+    const std::thread::id mainThread = std::this_thread::get_id();
     std::vector<std::string> calls;
-    void notificationTokenChanged(const std::string& token) override { calls.push_back("tokenChanged:" + token); }
-    void tessraInited(bool inited) override { calls.push_back(inited ? "inited:true" : "inited:false"); }
+    std::vector<bool> onMainThread;
+    std::vector<std::string> storedToken;  // "tx_tok" as the call found it
 };
 
 class TokenRegistration : public test::SdkFixture {
@@ -79,7 +93,12 @@ TEST_F(TokenRegistration, AcceptedTokenIsSentOnce) {
     registerToken(token);
     EXPECT_EQ(userPosts().size(), 1u);
     EXPECT_EQ(storage().getToken(), "00ab10");
+    std::lock_guard lock(delegate->mutex);
     EXPECT_EQ(delegate->calls, (std::vector<std::string>{"tokenChanged:00ab10", "inited:true", "inited:true"}));
+    // Each call comes from the completion that decided it, not from the main queue, and
+    // the host hears of the registration before the token is stored.
+    EXPECT_EQ(delegate->onMainThread, (std::vector<bool>{false, false, false}));
+    EXPECT_EQ(delegate->storedToken, (std::vector<std::string>{"", "", "00ab10"}));
 }
 
 TEST_F(TokenRegistration, OnlyA201CountsAsRegistered) {
@@ -88,7 +107,11 @@ TEST_F(TokenRegistration, OnlyA201CountsAsRegistered) {
     backend->on("POST", "/v2/users", Answer::json("{}", 200));
     registerToken(token);
     EXPECT_EQ(storage().getToken(), "old");
-    EXPECT_EQ(delegate->calls.back(), "inited:false");
+    {
+        std::lock_guard lock(delegate->mutex);
+        EXPECT_EQ(delegate->calls.back(), "inited:false");
+        EXPECT_FALSE(delegate->onMainThread.back());
+    }
     registerToken(token);
     EXPECT_EQ(userPosts().size(), 2u);  // sent again at the next registration
 }

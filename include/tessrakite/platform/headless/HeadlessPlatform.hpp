@@ -89,8 +89,10 @@ private:
 
 class TESSRA_EXPORT HeadlessUserNotificationCenter final : public UserNotificationCenter {
 public:
+    /// The authorization answer arrives on `answerQueue` (the main queue when none), off
+    /// the main thread as on the phone.
     HeadlessUserNotificationCenter(std::shared_ptr<Effects> effects, std::shared_ptr<RunLoop> runLoop,
-                                   std::shared_ptr<Clock> clock);
+                                   std::shared_ptr<Clock> clock, std::shared_ptr<SerialQueue> answerQueue = nullptr);
 
     void requestAuthorization(unsigned options,
                               std::function<void(bool granted, std::optional<std::string> error)> completion) override;
@@ -124,6 +126,7 @@ private:
     std::shared_ptr<Effects> effects_;
     std::shared_ptr<RunLoop> runLoop_;
     std::shared_ptr<Clock> clock_;
+    std::shared_ptr<SerialQueue> answerQueue_;
     mutable std::mutex mutex_;
     bool answerGranted_ = true;
     UNAuthorizationStatus answerStatus_ = UNAuthorizationStatus::authorized;
