@@ -13,8 +13,10 @@ namespace tessrakite {
 namespace detail {
 
 FacadeState& facade() {
-    static FacadeState state;
-    return state;
+    // Never destroyed: a request's completion may run while the process exits, after the
+    // statics constructed later than the URL session are gone.
+    static auto* state = new FacadeState;
+    return *state;
 }
 
 void resetFacadeForTesting() {
@@ -77,36 +79,47 @@ using detail::facade;
 
 namespace {
 
-void updateSession(StorageManager& storage) {
-    auto& defaults = *storage.defaultStorage;
+std::string defaultConfigUrl() { return "https://" + platform::deploymentHost(platform::DeploymentHost::cdn) + "/tag"; }
+
+// The session counters (a new session, and on the first start of an installation its
+// id) and, when the installation is not registered, the default endpoints. One store
+// transaction: the caller's thread pays for one commit, and another process sees all of
+// start-up's keys or none of them.
+void startSessionAndDefaults(StorageManager& storage) {
     std::random_device device;
     std::uniform_int_distribution<int> digit(0, 9);
     std::string random;
     for (int i = 0; i < 10; ++i) random.push_back(static_cast<char>('0' + digit(device)));
-
-    storage.increment(StorageKey::sessionNum);
-    auto clock = platform::currentPlatform()->clock;
-    defaults.set(rawValue(StorageKey::sessionId), PlistValue(std::to_string(static_cast<std::int64_t>(clock->now()))));
-    defaults.set(rawValue(StorageKey::visitedPCount), PlistValue(0));
-    if (!defaults.string(rawValue(StorageKey::uniqSessionId))) {
-        auto seconds = std::to_string(static_cast<std::int64_t>(clock->now()));
-        defaults.set(rawValue(StorageKey::uniqSessionFirstTime), PlistValue(seconds));
-        defaults.set(rawValue(StorageKey::uniqSessionId), PlistValue(seconds + "." + random));
-    }
-}
-
-std::string defaultConfigUrl() { return "https://" + platform::deploymentHost(platform::DeploymentHost::cdn) + "/tag"; }
-
-void setDefaultDomains(StorageManager& storage) {
-    auto& defaults = *storage.defaultStorage;
+    const auto seconds = std::to_string(static_cast<std::int64_t>(platform::currentPlatform()->clock->now()));
     const auto tracking = platform::deploymentHost(platform::DeploymentHost::tracking);
-    const auto activity = "https://" + tracking + "/v2/activity?type=mobile";
-    defaults.set(rawValue(StorageKey::activityUrl), PlistValue(activity));
-    defaults.set(rawValue(StorageKey::userUrl), PlistValue("https://" + tracking + "/v2/users?type=mobile"));
-    // The crash switch's key, not "tx_crash_url": its Boolean reading becomes false. Kept
-    // as the backend's installations expect it.
-    defaults.set(rawValue(StorageKey::crash), PlistValue(activity));
-    defaults.set(rawValue(StorageKey::configUrl), PlistValue(defaultConfigUrl()));
+    const auto configUrl = defaultConfigUrl();
+
+    using detail::storageKey;
+    const auto sessionNum = storageKey(StorageKey::sessionNum), uniqId = storageKey(StorageKey::uniqSessionId),
+               reg = storageKey(StorageKey::reg);
+    storage.defaultStorage->update({sessionNum, uniqId, reg}, [&](platform::UserDefaults::Values& v) {
+        const auto& count = v[sessionNum];
+        const std::int64_t previous = count && count->asInteger() ? *count->asInteger() : 0;
+        v[sessionNum] = PlistValue(previous + 1);
+        v[storageKey(StorageKey::sessionId)] = PlistValue(seconds);
+        v[storageKey(StorageKey::visitedPCount)] = PlistValue(0);
+        if (v[uniqId] && v[uniqId]->asString()) {
+            v.erase(uniqId);
+        } else {
+            v[storageKey(StorageKey::uniqSessionFirstTime)] = PlistValue(seconds);
+            v[uniqId] = PlistValue(seconds + "." + random);
+        }
+        const bool registered = v[reg] && v[reg]->asBool() && *v[reg]->asBool();
+        v.erase(reg);
+        if (registered) return;
+        const auto activity = "https://" + tracking + "/v2/activity?type=mobile";
+        v[storageKey(StorageKey::activityUrl)] = PlistValue(activity);
+        v[storageKey(StorageKey::userUrl)] = PlistValue("https://" + tracking + "/v2/users?type=mobile");
+        // The crash switch's key, not "tx_crash_url": its Boolean reading becomes false.
+        // Kept as the backend's installations expect it.
+        v[storageKey(StorageKey::crash)] = PlistValue(activity);
+        v[storageKey(StorageKey::configUrl)] = PlistValue(configUrl);
+    });
 }
 
 void initUtmAndSession(const std::map<std::string, std::string>& utm) {
@@ -142,33 +155,28 @@ void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::sha
 void TessraQuill::initialize(std::shared_ptr<TessraConfig> config) {
     try {
         if (!config) return;
+        // Everything before the request runs here, before the call returns: the document's
+        // answer, handled on another thread, must find these keys written, or the default
+        // endpoints would overwrite the ones it brings.
+        startSessionAndDefaults(storageManager());
         platform::ViewController::exchangeAppearanceHooks(viewDidLoadSwizzlingMethod, viewDidDissapearSwizzlingMethod);
         {
             std::lock_guard lock(facade().mutex);
             facade().config = config;
         }
-        // The store writes and the request go to the utility queue, in start-up's order, so
-        // the caller's thread is back at once.
-        detail::onUtilityQueue([config] {
-            auto& storage = storageManager();
-            const bool firstStart = !detail::storedSwitch(storage, StorageKey::reg);
-            // The document request goes out first, so the network round trip overlaps the
-            // session writes; its answer is handled on this queue, after all of them.
-            if (firstStart) storage.defaultStorage->set(rawValue(StorageKey::configUrl), PlistValue(defaultConfigUrl()));
-            if (!config->apiKey().empty()) {
-                tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
-                    detail::onUtilityQueue([config, fetched] {
-                        try {
-                            finishStartUp(config, fetched);
-                        } catch (const std::exception& e) {
-                            Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
-                        }
-                    });
-                });
-            }
-            updateSession(storage);
-            if (firstStart) setDefaultDomains(storage);
-            if (config->apiKey().empty()) Console::print("\n***************\n Missing ApiKey! \n***************\n");
+        if (config->apiKey().empty()) {
+            Console::print("\n***************\n Missing ApiKey! \n***************\n");
+            return;
+        }
+        tessraRequest().getConfig(config->apiKey(), [config](std::shared_ptr<TessraConfig> fetched) {
+            // Building reports and the session listener leaves the URL session's thread free.
+            detail::onUtilityQueue([config, fetched] {
+                try {
+                    finishStartUp(config, fetched);
+                } catch (const std::exception& e) {
+                    Console::print(std::string("TessraQuill: start-up failed: ") + e.what());
+                }
+            });
         });
     } catch (const std::exception& e) {
         Console::print(std::string("TessraQuill: initialize failed: ") + e.what());
@@ -227,8 +235,8 @@ StorageManager& TessraQuill::storageManager() {
 }
 
 TessraRequest& TessraQuill::tessraRequest() {
-    static TessraRequest request;
-    return request;
+    static auto* request = new TessraRequest;  // never destroyed, like the facade's state
+    return *request;
 }
 
 std::string TessraQuill::currentPage() {

@@ -35,6 +35,22 @@ void send(UrlRequest request, platform::UrlSession::Completion completion) {
     session->dataTask(std::move(request), std::move(completion));
 }
 
+std::string percentEncodedPathSegment(std::string_view text) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+            c == '_' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 0xF];
+        }
+    }
+    return out;
+}
+
 std::string errorText(const platform::UrlError& error) { return error.localizedDescription(); }
 
 void printBody(const UrlResult& result) {
@@ -64,8 +80,15 @@ std::string TessraRequest::httpDate(double secondsSince1970) {
 void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion completion) {
     StorageManager storage;
     auto base = storage.getStringFromStorage(StorageKey::configUrl).value_or("");
-    auto request = requestFor(base + "/" + apiKey + ".json");
-    if (!request) fatalError("The configuration URL \"" + base + "\" is not a valid URL");
+    if (!Url::parse(base)) fatalError("The configuration base URL \"" + base + "\" (\"tx_config_url\") is not a valid URL");
+    // A key is one path segment whatever it holds (a blank, "#", a newline left by an
+    // Info.plist editor): it is sent percent-encoded.
+    auto request = requestFor(base + "/" + percentEncodedPathSegment(apiKey) + ".json");
+    if (!request) {
+        Console::print("Error took place ", "the configuration URL cannot be formed from \"" + base + "\"");
+        completion(nullptr);
+        return;
+    }
     request->setValue(storage.getStringFromStorage(StorageKey::lastModified).value_or(firstModifiedSince),
                       "If-Modified-Since");
 
@@ -104,9 +127,13 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
         if (document.consent) defaults.set(rawValue(StorageKey::consent), PlistValue(*document.consent));
         defaults.synchronize();
 
+        // A switch the document does not carry keeps its stored value, and a reminder the
+        // host asked for stays scheduled: the builder would otherwise reset both.
         TessraBuilder builder(apiKey);
-        if (document.analytics) builder.analytics(*document.analytics);
+        if (auto analytics = document.analytics ? document.analytics : storage.getBool(StorageKey::analytics))
+            builder.analytics(*analytics);
         if (document.pushConfig && document.pushConfig->enabled.value_or(false)) builder.push();
+        if (auto interval = storage.getScheduledTime()) builder.scheduleNotifications(*interval);
         completion(builder.build());
     });
 }

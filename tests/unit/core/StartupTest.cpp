@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <mutex>
 #include <regex>
+#include <thread>
 
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -14,6 +17,38 @@ namespace tessrakite {
 namespace {
 
 using test::Answer;
+
+/// A backend next door: every request is answered at once from a thread of its own, the
+/// document GET with `document`, a post with 201.
+class InstantSession final : public platform::UrlSession {
+public:
+    explicit InstantSession(std::string document) : document_(std::move(document)) {}
+    ~InstantSession() override {
+        std::lock_guard lock(mutex_);
+        for (auto& t : threads_) t.join();
+    }
+    void dataTask(platform::UrlRequest request, Completion completion) override {
+        ++inFlight_;
+        std::lock_guard lock(mutex_);
+        threads_.emplace_back([this, get = request.httpMethod == "GET", completion = std::move(completion)] {
+            platform::UrlResult result;
+            result.response = platform::HttpResponse{get ? 200 : 201, {}};
+            const std::string body = get ? document_ : "{}";
+            result.data = Data(body.begin(), body.end());
+            completion(result);
+            --inFlight_;
+        });
+    }
+    platform::UrlResult sendSynchronous(const platform::UrlRequest&) override { return {}; }
+    std::size_t inFlight() const override { return inFlight_; }
+    bool waitIdle(double) override { return inFlight_ == 0; }
+
+private:
+    const std::string document_;
+    std::atomic<std::size_t> inFlight_{0};
+    std::mutex mutex_;
+    std::vector<std::thread> threads_;
+};
 
 class Startup : public test::SdkFixture {
 protected:
@@ -109,6 +144,53 @@ TEST_F(Startup, DocumentSwitchesAreStoredForTheExtensions) {
     EXPECT_TRUE(activityPosts().empty());
 }
 
+TEST_F(Startup, FirstStartKeepsTheEndpointsOfAnImmediateAnswer) {
+    const std::string moved = "https://moved.example/v9/activity?type=mobile";
+    headless = platform::headless::makeHeadlessPlatform(
+        {clock, std::make_shared<InstantSession>(R"({"analytics": true, "url": {"activity": ")" + moved + R"("}})")});
+    platform::setCurrentPlatform(headless.platform);
+    for (std::int64_t launch = 1; launch <= 40; ++launch) {
+        relaunch();
+        TessraQuill::clearInstallationData();  // every launch is a first start
+        TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).build());
+        // A host reading the session right after the call sees this launch's.
+        EXPECT_EQ(storage().getIntFromStorage(StorageKey::sessionNum), launch);
+        pump();
+        ASSERT_EQ(storage().getStringFromStorage(StorageKey::activityUrl), moved) << "launch " << launch;
+    }
+}
+
+TEST_F(Startup, ADocumentWithoutSwitchesKeepsTheHostsChoices) {
+    serveConfig(Answer::json(R"({"consent": false})"));
+    storage().set(StorageKey::schId, "reminder-1");  // the reminder an earlier launch scheduled
+    TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).analytics(false).scheduleNotifications(3600).build());
+    pump();
+    EXPECT_EQ(storage().getBool(StorageKey::analytics), false);
+    EXPECT_TRUE(activityPosts().empty());
+    EXPECT_EQ(storage().getScheduledId(), "reminder-1");
+    EXPECT_EQ(storage().getScheduledTime(), 3600.0);
+}
+
+TEST_F(Startup, AKeyThatIsNotUrlSafeStillNamesItsDocument) {
+    backend->on("GET", "/tag/*", Answer::json(R"({"analytics": true})"));
+    const std::pair<std::string, std::string> cases[] = {
+        {"demo key", "/tag/demo%20key.json"},
+        {"a#b?c=d", "/tag/a%23b%3Fc%3Dd.json"},
+        {"\xD0\xBA/1%", "/tag/%D0%BA%2F1%25.json"},
+        {"key\n", ""},  // an Info.plist's trailing newline: the server refuses the name, start-up goes on
+    };
+    for (const auto& [key, target] : cases) {
+        relaunch();
+        TessraQuill::initialize(TessraBuilder(key).build());
+        pump();
+        EXPECT_TRUE(TessraQuill::initialized()) << key;
+        auto requests = backend->requests();
+        if (target.empty()) continue;
+        ASSERT_FALSE(requests.empty()) << key;
+        EXPECT_EQ(requests[0].target(), target);
+    }
+}
+
 TEST_F(Startup, SessionKeysOnFirstAndSecondLaunch) {
     start();
     auto s = storage();
@@ -128,11 +210,13 @@ TEST_F(Startup, SessionKeysOnFirstAndSecondLaunch) {
 }
 
 TEST_F(Startup, EmptyKeyPrintsTheBannerButStillCountsTheSession) {
-    start(true, true, "");
+    TessraQuill::initialize(TessraBuilder(std::string()).build());
+    // Both before the call returns.
     EXPECT_TRUE(console->contains("\n***************\n Missing ApiKey! \n***************\n"));
+    EXPECT_EQ(storage().getIntFromStorage(StorageKey::sessionNum), 1);
+    pump();
     EXPECT_FALSE(TessraQuill::initialized());
     EXPECT_TRUE(backend->requests().empty());
-    EXPECT_EQ(storage().getIntFromStorage(StorageKey::sessionNum), 1);
     EXPECT_TRUE(platform::ViewController::appearanceHooksInstalled());
     EXPECT_EQ(TessraQuill::getUtm("ht"), "Tessra not initialized");
     EXPECT_TRUE(console->contains(detail::kInitializeBanner));
@@ -169,7 +253,7 @@ TEST_F(Startup, InvalidConfigurationBaseIsAFatalStop) {
             TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).build());
             pump();
         },
-        "Fatal error: ");
+        "Fatal error: The configuration base URL \"not a url\"");
 }
 
 TEST(HttpDate, IsGmtWithEnglishNames) {
