@@ -118,7 +118,7 @@ AppContext AppContext::current() {
         std::weak_ptr<platform::Platform> platform;
         std::optional<AppContext> context;
     };
-    static Cached cache;
+    static Cached& cache = *new Cached;  // never destroyed: reports may be built while the process exits
     auto bundle = platform::Bundle::main();
     auto platform = platform::currentPlatform();
     AppContext c;

@@ -91,12 +91,13 @@ std::optional<std::string> StorageManager::hostBundleIdentifier(const platform::
 }
 
 const std::string& StorageManager::bundleId() {
-    static const std::string id = [] {
+    // Never destroyed: a request's completion may open the store while the process exits.
+    static const std::string* id = [] {
         auto identifier = hostBundleIdentifier(*platform::Bundle::main());
         if (!identifier) fatalError("StorageManager: the host bundle has no bundle identifier");
-        return *identifier;
+        return new std::string(std::move(*identifier));
     }();
-    return id;
+    return *id;
 }
 
 std::string StorageManager::suiteName() { return "group." + bundleId() + ".tessraQuill"; }

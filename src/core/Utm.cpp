@@ -8,7 +8,7 @@ namespace tessrakite {
 using detail::facade;
 
 namespace {
-const std::string kPrefix = "utm_";
+constexpr const char* kPrefix = "utm_";
 
 std::map<std::string, std::string> persistedUtm() {
     return TessraQuill::storageManager().getArayOfStringDictsFromStorage(StorageKey::utm).value_or(

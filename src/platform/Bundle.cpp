@@ -104,13 +104,14 @@ plist_t toNode(const PlistValue& v) {
     return plist_new_string("");
 }
 
+// Never destroyed: a network completion may still read the bundle while the process exits.
 std::mutex& mainMutex() {
-    static std::mutex m;
-    return m;
+    static auto* m = new std::mutex;
+    return *m;
 }
 std::shared_ptr<Bundle>& mainSlot() {
-    static std::shared_ptr<Bundle> b;
-    return b;
+    static auto* b = new std::shared_ptr<Bundle>;
+    return *b;
 }
 
 std::filesystem::path executableFolder() {

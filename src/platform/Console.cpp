@@ -8,13 +8,14 @@
 
 namespace tessrakite {
 namespace {
+// Never destroyed: completions may still print while the process exits.
 std::mutex& sinkMutex() {
-    static std::mutex m;
-    return m;
+    static auto* m = new std::mutex;
+    return *m;
 }
 std::shared_ptr<Console::Sink>& sinkSlot() {
-    static std::shared_ptr<Console::Sink> sink;
-    return sink;
+    static auto* sink = new std::shared_ptr<Console::Sink>;
+    return *sink;
 }
 }  // namespace
 

@@ -6,16 +6,19 @@
 #include <chrono>
 #include <cmath>
 #include <cctype>
+#include <cstdlib>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <unordered_map>
 #include <vector>
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <curl/curl.h>
 
@@ -29,10 +32,18 @@ static_assert(UrlError::timedOut == CURLE_OPERATION_TIMEDOUT);
 
 namespace {
 
+void stopSessionsAtExit();
+
 void initializeCurlOnce() {
     // curl_global_init is not safe to race with itself on every libcurl build.
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        // Exit handlers run in reverse order of registration, so this one runs before the
+        // cleanup OpenSSL registered while libcurl set it up: no worker is inside a TLS
+        // exchange when OpenSSL is torn down.
+        std::atexit(stopSessionsAtExit);
+    });
 }
 
 std::optional<std::string> readWholeFile(const std::string& path) {
@@ -120,6 +131,9 @@ struct Transfer {
     std::array<char, CURL_ERROR_SIZE> errorBuffer{};
     std::size_t maxBytes = 0;
     bool overCap = false;
+    bool sendOnce = false;                // a method that must not reach the server twice
+    std::optional<long> sentAtRedirect;   // the redirect count when the request last went out
+    bool resendRefused = false;
     Data body;
     std::vector<std::pair<std::string, std::string>> headers;
 };
@@ -162,6 +176,23 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
         return 0;
     }
     return length;
+}
+
+// libcurl sends a request again, on a new connection, when a reused connection dies
+// before any answer. The server may have acted on the first copy, so a POST would arrive
+// twice (two installs, an open reported once too often). Such a request goes out once
+// per redirect hop; the second attempt is refused and the exchange fails.
+int onPrereq(void* user, char*, char*, int, int) {
+    auto* t = static_cast<Transfer*>(user);
+    if (!t->sendOnce) return CURL_PREREQFUNC_OK;
+    long redirects = 0;
+    curl_easy_getinfo(t->easy, CURLINFO_REDIRECT_COUNT, &redirects);
+    if (t->sentAtRedirect == redirects) {
+        t->resendRefused = true;
+        return CURL_PREREQFUNC_ABORT;
+    }
+    t->sentAtRedirect = redirects;
+    return CURL_PREREQFUNC_OK;
 }
 
 int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -240,6 +271,9 @@ CURLcode configure(CURL* easy, Transfer& t, const Config& config) {
                    [](char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; });
     if (!isToken(method)) return CURLE_BAD_FUNCTION_ARGUMENT;
     const bool sendsBody = method == "POST" || method == "PUT" || method == "PATCH" || !r.httpBody.empty();
+    t.sendOnce = method != "GET" && method != "HEAD";
+    check(curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &onPrereq));
+    check(curl_easy_setopt(easy, CURLOPT_PREREQDATA, &t));
     if (method == "GET") {
         check(curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L));
     } else if (method == "HEAD") {
@@ -288,6 +322,8 @@ UrlResult resultOf(Transfer& t, CURLcode rc, const Config& config, bool cancelle
     if (t.overCap || rc == CURLE_FILESIZE_EXCEEDED)
         return failure(UrlError::bodyTooLarge,
                        "response body larger than the limit of " + std::to_string(t.maxBytes) + " bytes");
+    if (t.resendRefused && rc == CURLE_ABORTED_BY_CALLBACK)
+        return failure(CURLE_GOT_NOTHING, "the connection closed without an answer; the request is not sent again");
     if (cancelled && rc == CURLE_ABORTED_BY_CALLBACK) return cancelledResult();
     if (rc != CURLE_OK) {
         std::string message = t.errorBuffer[0] ? std::string(t.errorBuffer.data()) : curl_easy_strerror(rc);
@@ -367,6 +403,23 @@ struct CurlUrlSession::State {
             --inFlightCount;
         }
         idleChanged.notify_all();
+    }
+
+    // Asks the worker to cancel what is in flight and end; synchronous sends are aborted.
+    void requestStop() {
+        {
+            std::lock_guard lock(mutex);
+            stopping = true;
+        }
+        abortSynchronous = true;
+        curl_multi_wakeup(multi);
+    }
+
+    // True once the worker has ended (its cancelled tasks completed) and no synchronous
+    // send is running, or false after `timeout`.
+    bool waitStopped(std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex);
+        return stoppedChanged.wait_for(lock, timeout, [&] { return workerExited && synchronousSends == 0; });
     }
 
     void complete(std::unique_ptr<Transfer> transfer, const UrlResult& result) {
@@ -456,6 +509,11 @@ struct CurlUrlSession::State {
         }
         self->cancelEverything();
         currentWorker = nullptr;
+        {
+            std::lock_guard lock(self->mutex);
+            self->workerExited = true;
+        }
+        self->stoppedChanged.notify_all();
     }
 
     // ---- synchronous path ----
@@ -491,15 +549,19 @@ struct CurlUrlSession::State {
     static constexpr std::size_t kIdleEasyLimit = 4;
     static thread_local const State* currentWorker;
 
+    const pid_t ownerProcess = ::getpid();
     Config config;
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
     std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks;
 
-    std::mutex mutex;  // guards pending, stopping, workerDone
+    std::mutex mutex;  // guards pending, stopping, workerDone, workerExited, synchronousSends
     std::vector<std::unique_ptr<Transfer>> pending;
     bool stopping = false;
     bool workerDone = false;
+    bool workerExited = false;
+    int synchronousSends = 0;
+    std::condition_variable stoppedChanged;
     std::atomic<bool> abortSynchronous{false};
 
     std::atomic<std::size_t> inFlightCount{0};
@@ -514,19 +576,58 @@ struct CurlUrlSession::State {
 
 thread_local const CurlUrlSession::State* CurlUrlSession::State::currentWorker = nullptr;
 
+namespace {
+
+// The live sessions, so that process exit can stop their workers. Never destroyed: the
+// exit handler runs after the statics constructed later than libcurl's set-up are gone.
+std::mutex& sessionsMutex() {
+    static auto* m = new std::mutex;
+    return *m;
+}
+std::vector<std::weak_ptr<CurlUrlSession::State>>& liveSessions() {
+    static auto* sessions = new std::vector<std::weak_ptr<CurlUrlSession::State>>;
+    return *sessions;
+}
+
+// A process that exits with requests in flight (offline, a slow backend) cancels them
+// here: each completes with UrlError::cancelled on its worker while the SDK's state is
+// still whole, and no worker or synchronous send is left inside libcurl afterwards.
+void stopSessionsAtExit() {
+    std::vector<std::shared_ptr<CurlUrlSession::State>> sessions;
+    {
+        std::lock_guard lock(sessionsMutex());
+        for (auto& weak : liveSessions())
+            if (auto state = weak.lock()) sessions.push_back(std::move(state));
+    }
+    // A forked child has none of its parent's threads: there is no worker to stop.
+    std::erase_if(sessions, [](const auto& state) { return state->ownerProcess != ::getpid(); });
+    for (auto& state : sessions) state->requestStop();
+    for (auto& state : sessions) {
+        // exit() called from a completion: this thread is the worker, which cannot end here.
+        if (state->onWorker()) continue;
+        // A completion that blocks must not hang the exit.
+        state->waitStopped(std::chrono::seconds(5));
+    }
+}
+
+}  // namespace
+
 CurlUrlSession::CurlUrlSession(UrlSessionOptions options) {
     initializeCurlOnce();
     state_ = std::make_shared<State>(std::move(options));
     worker_ = std::thread(&State::run, state_);
+    try {
+        std::lock_guard lock(sessionsMutex());
+        auto& sessions = liveSessions();
+        std::erase_if(sessions, [](const auto& weak) { return weak.expired(); });
+        sessions.push_back(state_);
+    } catch (...) {
+        // Not stopped at exit; it still works.
+    }
 }
 
 CurlUrlSession::~CurlUrlSession() {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->stopping = true;
-    }
-    state_->abortSynchronous = true;
-    curl_multi_wakeup(state_->multi);
+    state_->requestStop();
     if (!worker_.joinable()) return;
     if (worker_.get_id() == std::this_thread::get_id())
         worker_.detach();  // dropped inside a completion: the worker finishes once it returns
@@ -560,6 +661,21 @@ void CurlUrlSession::dataTask(UrlRequest request, Completion completion) {
 
 UrlResult CurlUrlSession::sendSynchronous(const UrlRequest& request) {
     auto state = state_;  // the session may be dropped while we block
+    {
+        std::lock_guard lock(state->mutex);
+        if (state->stopping) return cancelledResult();
+        ++state->synchronousSends;
+    }
+    struct Done {
+        State& state;
+        ~Done() {
+            {
+                std::lock_guard lock(state.mutex);
+                --state.synchronousSends;
+            }
+            state.stoppedChanged.notify_all();
+        }
+    } done{*state};
     try {
         Transfer transfer(request);
         struct Lease {

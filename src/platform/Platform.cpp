@@ -5,13 +5,15 @@
 
 namespace tessrakite::platform {
 namespace {
+// Never destroyed: the platform's threads (the URL session's worker, the utility queue)
+// may still run while the process exits, and must not find it torn down.
 std::mutex& platformMutex() {
-    static std::mutex m;
-    return m;
+    static auto* m = new std::mutex;
+    return *m;
 }
 std::shared_ptr<Platform>& platformSlot() {
-    static std::shared_ptr<Platform> p;
-    return p;
+    static auto* p = new std::shared_ptr<Platform>;
+    return *p;
 }
 }  // namespace
 

@@ -17,8 +17,8 @@ struct Hooks {
     bool installed = false;
 };
 Hooks& hooks() {
-    static Hooks h;
-    return h;
+    static auto* h = new Hooks;  // never destroyed, like the SDK's other process-wide state
+    return *h;
 }
 }  // namespace
 

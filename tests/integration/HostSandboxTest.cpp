@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ChildProcess.hpp"
+#include "FakeBackend.hpp"
 #include "TestEnv.hpp"
 
 namespace {
@@ -155,6 +156,38 @@ TEST_F(HostSandboxTest, AnswersABadLineWithAnErrorLineAndGoesOn) {
         // The host goes on with the next line.
         EXPECT_GT(indexOf(lines, {{"result", "Tessra not initialized"}, {"op", "getUtm"}, {"id", "after"}}), error);
     }
+}
+
+TEST_F(HostSandboxTest, AHostQuittingWithRequestsInFlightExitsCleanly) {
+    // A slow backend holds the custom event and the user record until after the app quit.
+    tessrakite::test::FakeBackend backend;
+    backend.on("GET", "/tag/demo-key.json", tessrakite::test::Answer::json(R"({"analytics": true})"));
+    backend.onSequence("POST", "/v2/activity",
+                       {tessrakite::test::Answer::json("{}", 201), tessrakite::test::Answer::json("{}", 201)});
+    backend.on("POST", "/v2/activity", tessrakite::test::Answer::json("{}", 201).after(30s));
+    backend.on("POST", "/v2/users", tessrakite::test::Answer::json("{}", 201).after(30s));
+    TempFolder home;
+    ChildProcess host(binary("tessra-host"), {},
+                      {{"TESSRA_HOME", home.path().string()},
+                       {"TESSRA_TRACKING_HOST", backend.httpsHost()},
+                       {"TESSRA_CDN_HOST", backend.httpsHost()},
+                       {"TESSRA_CA_BUNDLE", tessrakite::test::testCaFile()}});
+    host.write(R"({"op":"build","push":true,"analytics":true})"
+               "\n"
+               R"({"op":"initialize"})"
+               "\n"
+               R"({"op":"sendCustomEvent","key":"quit","value":1,"pump":false})"
+               "\n"
+               R"({"op":"registerToken","hex":"00ab10","pump":false})"
+               "\n");
+    ASSERT_TRUE(backend.waitForRequests(5));  // document, install, open, event, user record
+    ASSERT_EQ(backend.requestsTo("/v2/users").size(), 1u);
+    host.write(R"({"op":"exit"})"
+               "\n");
+    host.closeInput();
+    EXPECT_EQ(host.wait(30s), 0) << "the host died at exit";
+    for (const auto& line : host.lines())
+        EXPECT_FALSE(json::parse(line, nullptr, false).is_discarded()) << "not a JSON line: " << line;
 }
 
 }  // namespace

@@ -294,7 +294,10 @@ Host::Host(Output& output, std::string bundleFolder) : out_(output) {
 
 Host::~Host() {
     screens_.clear();
-    Console::setSink(nullptr);
+    // Requests still in flight complete while the process exits, after this object is
+    // gone: their lines keep the JSON form, and nothing reaches this host's output.
+    Console::setSink([](std::string_view line) { Output().write({{"console", std::string(line)}}); });
+    headless_.effects->setSink(nullptr);
 }
 
 void Host::pump(double maxSeconds) { headless_.platform->runLoop->runUntilIdle(maxSeconds); }
@@ -326,7 +329,11 @@ bool Host::runLine(const std::string& line) {
     } catch (const std::exception& e) {
         out_.write({{"error", e.what()}, {"op", op}, {"id", id}});
     }
-    if (op != "wait" && op != "exit") pump();
+    // "pump": false leaves what the operation started in flight, as an app that is quit
+    // at once would.
+    const auto pumpAfter = request.find("pump");
+    const bool skipPump = pumpAfter != request.end() && pumpAfter->is_boolean() && !pumpAfter->get<bool>();
+    if (op != "wait" && op != "exit" && !skipPump) pump();
     return running_;
 }
 
