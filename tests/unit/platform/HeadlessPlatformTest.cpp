@@ -1,3 +1,6 @@
+#include <future>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -35,15 +38,19 @@ TEST_F(HeadlessPlatformTest, AuthorizationAnswersAreTheInjectedOnes) {
     };
     for (const auto& c : {Case{true, UNAuthorizationStatus::authorized}, Case{false, UNAuthorizationStatus::denied}}) {
         h.userNotificationCenter->setAuthorizationAnswer(c.granted, c.status);
-        std::optional<bool> granted;
+        std::promise<std::pair<bool, std::thread::id>> answer;
         std::optional<UNAuthorizationStatus> status;
         h.userNotificationCenter->requestAuthorization(
             UNAuthorizationOptions::alert | UNAuthorizationOptions::badge | UNAuthorizationOptions::sound,
-            [&](bool g, std::optional<std::string>) { granted = g; });
+            [&](bool g, std::optional<std::string>) { answer.set_value({g, std::this_thread::get_id()}); });
         h.userNotificationCenter->getNotificationSettings([&](UNNotificationSettings s) { status = s.authorizationStatus; });
-        EXPECT_FALSE(granted.has_value()) << "completions wait for the main queue";
+        EXPECT_FALSE(status.has_value()) << "the settings wait for the main queue";
         h.platform->runLoop->runUntilIdle(1.0);
+        auto future = answer.get_future();
+        ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        const auto [granted, thread] = future.get();
         EXPECT_EQ(granted, c.granted);
+        EXPECT_NE(thread, std::this_thread::get_id()) << "the answer comes off the main thread, as on the phone";
         EXPECT_EQ(status, c.status);
     }
     EXPECT_EQ(h.userNotificationCenter->lastAuthorizationOptions(), 7u);
