@@ -23,6 +23,7 @@
 #include "crash/AtomicFile.hpp"
 #include "crash/CrashReport.hpp"
 #include "crash/SignalSafe.hpp"
+#include "crash/ThrowSite.hpp"
 
 namespace tessrakite {
 
@@ -126,6 +127,7 @@ bool JtCrashLogger::registerLogger() {
         std::lock_guard lock(gRegisterMutex);
         auto previous = std::set_terminate(&onTerminate);
         if (previous != &onTerminate) gPreviousTerminate.store(previous);
+        crash::captureThrowSites(true);
 
         // Prepare everything the signal path needs, and let backtrace() load its
         // unwinder now: its first call allocates.
@@ -192,8 +194,11 @@ void JtCrashLogger::signalCallback(int signal, siginfo_t* info, void* /*uap*/) {
 
 void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
     try {
+        // The stack where the exception was thrown, when its throw was seen; else ours.
         void* frames[kMaxFrames];
-        const int count = ::backtrace(frames, kMaxFrames);
+        int count = crash::throwSiteFrames(exception, frames, kMaxFrames);
+        const bool atThrow = count > 0;
+        if (!atThrow) count = ::backtrace(frames, kMaxFrames);
         const auto bundle = crash::mainBundleValues();
         JtCrashLogFile record;
         record.appVersion = bundle.appVersion;
@@ -202,7 +207,10 @@ void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
         record.code = 0;
         record.callStack = getCallStackStringArray(frames, count);
         record.reason = reasonOf(exception);
-        record.address = count > 0 ? static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(frames[0])) : 0;
+        // At the throw, entry 0 is the capturing wrapper: the first frame reported is the thrower's.
+        const int first = atThrow ? 1 : 0;
+        record.address =
+            count > first ? static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(frames[first])) : 0;
         record.osVersion = crash::osVersion();
         record.time = getCurrentTime();
         record.deviceModel = deviceModel();
@@ -213,6 +221,7 @@ void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
     } catch (...) {
     }
     // Uninstall.
+    crash::captureThrowSites(false);
     std::set_terminate(gPreviousTerminate.load() ? gPreviousTerminate.load() : std::get_terminate());
     for (int s : kUninstalledSignals) setDefaultAction(s);
 }

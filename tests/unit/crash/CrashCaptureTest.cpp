@@ -21,6 +21,14 @@
 #include "CrashChild.hpp"
 #include "TestEnv.hpp"
 
+// A thrower the report can name: the test binary exports its symbols, and an unmangled
+// name reads the same in every frame description.
+volatile int gThrowCount = 0;
+extern "C" __attribute__((noinline)) void tessraTestThrowSite() {
+    gThrowCount = gThrowCount + 1;
+    throw std::runtime_error("thrown here");
+}
+
 namespace tessrakite::test {
 namespace {
 
@@ -283,6 +291,25 @@ TEST_F(CrashCapture, TwoThreadsCrashingTogetherLeaveOneCompleteReport) {
         if (complete(readFile(logFile()))) ++completeReports;
     }
     EXPECT_EQ(completeReports, 100);
+}
+
+TEST_F(CrashCapture, AnUncaughtExceptionIsReportedWhereItWasThrown) {
+    auto outcome = runInChild([] {
+        JtCrashLogger::registerLogger();
+        // Caught and thrown again elsewhere first: the report names the throw that escaped.
+        try {
+            throw std::logic_error("caught");
+        } catch (const std::exception&) {
+        }
+        std::thread([] { tessraTestThrowSite(); }).join();
+    });
+    ASSERT_TRUE(outcome.signaled) << describe(outcome);
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    const auto lines = splitLines(readFile(logFile()));
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_EQ(lines[3], "Reason: thrown here");
+    EXPECT_EQ(lines[4], "CallStack: (");
+    EXPECT_NE(lines[5].find("(tessraTestThrowSite+0x"), std::string::npos) << lines[5];
 }
 
 TEST_F(CrashCapture, SigtrapIsStillCaughtAfterAnExceptionReport) {
