@@ -28,10 +28,31 @@ struct ThrowSite {
 thread_local ThrowSite tThrowSite;
 std::atomic<bool> gCapture{false};
 std::atomic<ThrowFunction> gRuntimeThrow{nullptr};
+// Address ranges of functions, set once capture starts.
+struct Range {
+    std::atomic<std::uintptr_t> start{0};
+    std::atomic<std::uintptr_t> end{0};
+};
+// Our own __cxa_throw.
+Range gOwnRange;
 // A __cxa_throw that comes before ours in the search order (a sanitizer's runtime
-// wraps it too): its frame sits between ours and the thrower's and is left out.
-std::atomic<std::uintptr_t> gWrapperStart{0};
-std::atomic<std::uintptr_t> gWrapperEnd{0};
+// wraps it too): its frame sits between ours and the thrower's.
+Range gWrapperRange;
+
+bool within(const Range& range, const void* address) {
+    const auto a = reinterpret_cast<std::uintptr_t>(address);
+    return a >= range.start.load(std::memory_order_relaxed) && a < range.end.load(std::memory_order_relaxed);
+}
+
+// Sets `range` to the function at `address`, from its symbol's size.
+void setRange(Range& range, void* address) {
+    Dl_info info{};
+    void* entry = nullptr;
+    if (!::dladdr1(address, &info, &entry, RTLD_DL_SYMENT) || !entry) return;
+    const auto start = reinterpret_cast<std::uintptr_t>(address);
+    range.start.store(start);
+    range.end.store(start + static_cast<const ElfW(Sym)*>(entry)->st_size);
+}
 
 ThrowFunction runtimeThrow();
 
@@ -41,19 +62,21 @@ extern "C" __attribute__((visibility("default"), noreturn)) void __cxa_throw(voi
                                                                                void (*destructor)(void*)) {
     if (gCapture.load(std::memory_order_relaxed)) {
         ThrowSite& site = tThrowSite;
-        site.count = ::backtrace(site.frames, kMaxFrames);
-        const auto start = gWrapperStart.load(std::memory_order_relaxed);
-        const auto end = gWrapperEnd.load(std::memory_order_relaxed);
-        int skip = 0;
-        while (1 + skip < site.count) {
-            const auto frame = reinterpret_cast<std::uintptr_t>(site.frames[1 + skip]);
-            if (frame < start || frame >= end) break;
-            ++skip;
+        const int count = ::backtrace(site.frames, kMaxFrames);
+        // Entry 0 becomes our own frame (a sanitizer's backtrace() may add its own before
+        // it), and a wrapper that called us is left out after it: entry 1 is the thrower.
+        int own = 0;
+        while (own < count && !within(gOwnRange, site.frames[own])) ++own;
+        if (own == count) own = 0;
+        int next = own + 1;
+        while (next < count && within(gWrapperRange, site.frames[next])) ++next;
+        int kept = 0;
+        if (count > 0) {
+            site.frames[0] = site.frames[own];
+            kept = 1;
+            for (int i = next; i < count; ++i) site.frames[kept++] = site.frames[i];
         }
-        if (skip > 0) {
-            std::memmove(&site.frames[1], &site.frames[1 + skip], sizeof(void*) * static_cast<std::size_t>(site.count - 1 - skip));
-            site.count -= skip;
-        }
+        site.count = kept;
         site.object = object;
         site.type = type;
     }
@@ -112,16 +135,9 @@ namespace tessrakite::crash {
 void captureThrowSites(bool on) {
     if (on) {
         (void)runtimeThrow();
+        setRange(gOwnRange, reinterpret_cast<void*>(&tessraOwnThrow));
         void* first = ::dlsym(RTLD_DEFAULT, "__cxa_throw");
-        Dl_info info{};
-        void* entry = nullptr;
-        if (first && first != reinterpret_cast<void*>(&tessraOwnThrow) &&
-            ::dladdr1(first, &info, &entry, RTLD_DL_SYMENT) && entry) {
-            const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
-            const auto start = reinterpret_cast<std::uintptr_t>(first);
-            gWrapperStart.store(start);
-            gWrapperEnd.store(start + symbol->st_size);
-        }
+        if (first && first != reinterpret_cast<void*>(&tessraOwnThrow)) setRange(gWrapperRange, first);
     }
     gCapture.store(on);
 }
