@@ -60,7 +60,7 @@ ThrowFunction runtimeThrow();
 
 extern "C" __attribute__((visibility("default"), noreturn)) void __cxa_throw(void* object, std::type_info* type,
                                                                                void (*destructor)(void*)) {
-    if (gCapture.load(std::memory_order_relaxed)) {
+    if (gCapture.load(std::memory_order_acquire)) {
         ThrowSite& site = tThrowSite;
         const int count = ::backtrace(site.frames, kMaxFrames);
         // Entry 0 becomes our own frame (a sanitizer's backtrace() may add its own before
