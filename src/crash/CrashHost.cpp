@@ -22,7 +22,10 @@ std::optional<std::string> storedCrashUrl() {
 std::string crashHostBase() {
     if (auto stored = storedCrashUrl()) {
         if (auto url = Url::parse(*stored); url && !url->host().empty()) {
-            std::string base = url->scheme() + "://" + url->host();
+            // Uploads are plain HTTP whatever the stored scheme: only where to send is taken.
+            const std::string& host = url->host();
+            std::string base = "http://";
+            base += host.find(':') != std::string::npos && host.front() != '[' ? "[" + host + "]" : host;
             if (url->port()) base += ":" + std::to_string(*url->port());
             return base;
         }

@@ -4,8 +4,8 @@
 
 namespace tessrakite::crash {
 
-/// Scheme, host and port of the crash upload: those of the stored "tx_crash_url" when
-/// it holds a URL, else "http://" + the built-in crash host.
+/// "http://" + the crash host: host and port of the stored "tx_crash_url" when it holds
+/// a URL (its scheme and path are not used), else the built-in crash host.
 std::string crashHostBase();
 
 }  // namespace tessrakite::crash

@@ -11,6 +11,7 @@
 
 #include <cxxabi.h>
 #include <execinfo.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@
 #include "crash/AtomicFile.hpp"
 #include "crash/CrashReport.hpp"
 #include "crash/SignalSafe.hpp"
+#include "crash/ThrowSite.hpp"
 
 namespace tessrakite {
 
@@ -39,7 +41,9 @@ std::atomic<std::terminate_handler> gPreviousTerminate{nullptr};
 void* gFrames[kMaxFrames];
 char gReport[256 * 1024];
 std::atomic<bool> gReportBusy{false};
-std::atomic<bool> gCapturing{false};
+std::atomic<pid_t> gCapturingThread{0};
+// How long a second crashing thread waits for the first one's report.
+constexpr int kLoserWaitMs = 10000;
 
 void setDefaultAction(int signal) {
     struct sigaction action {};
@@ -55,15 +59,31 @@ void sleepMilliseconds(long ms) {
     }
 }
 
-extern "C" void tessraCrashSignalHandler(int signal, siginfo_t* info, void* uap) {
+pid_t currentThreadId() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
+
+// Resets the handlers and raises the signal again: it is delivered when the handler
+// returns (or the faulting instruction runs again), and the process dies with it.
+void endWith(int signal) {
     for (int s : kTrappedSignals) setDefaultAction(s);
-    if (!gCapturing.exchange(true)) {
-        JtCrashLogger::signalCallback(signal, info, uap);
-    } else {
-        // Another thread is writing its report and will end the process; give it time.
-        for (int i = 0; i < 200; ++i) sleepMilliseconds(10);
-    }
     ::raise(signal);
+}
+
+extern "C" void tessraCrashSignalHandler(int signal, siginfo_t* info, void* uap) {
+    // Capture is claimed before anything else: while one thread writes its report the
+    // handlers stay in place, so a second crashing thread lands here and waits instead
+    // of being killed by the default action half-way through the report.
+    const pid_t self = currentThreadId();
+    pid_t none = 0;
+    if (!gCapturingThread.compare_exchange_strong(none, self)) {
+        // The capturing thread crashed again inside its own handler: give up the report.
+        if (none == self) return endWith(signal);
+        // Another thread writes its report and ends the process; wait for that. Should it
+        // hang, end the process ourselves rather than hang the host.
+        for (int i = 0; i < kLoserWaitMs / 10; ++i) sleepMilliseconds(10);
+        return endWith(signal);
+    }
+    JtCrashLogger::signalCallback(signal, info, uap);
+    endWith(signal);
 }
 
 void onTerminate() {
@@ -107,6 +127,7 @@ bool JtCrashLogger::registerLogger() {
         std::lock_guard lock(gRegisterMutex);
         auto previous = std::set_terminate(&onTerminate);
         if (previous != &onTerminate) gPreviousTerminate.store(previous);
+        crash::captureThrowSites(true);
 
         // Prepare everything the signal path needs, and let backtrace() load its
         // unwinder now: its first call allocates.
@@ -173,8 +194,11 @@ void JtCrashLogger::signalCallback(int signal, siginfo_t* info, void* /*uap*/) {
 
 void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
     try {
+        // The stack where the exception was thrown, when its throw was seen; else ours.
         void* frames[kMaxFrames];
-        const int count = ::backtrace(frames, kMaxFrames);
+        int count = crash::throwSiteFrames(exception, frames, kMaxFrames);
+        const bool atThrow = count > 0;
+        if (!atThrow) count = ::backtrace(frames, kMaxFrames);
         const auto bundle = crash::mainBundleValues();
         JtCrashLogFile record;
         record.appVersion = bundle.appVersion;
@@ -183,7 +207,10 @@ void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
         record.code = 0;
         record.callStack = getCallStackStringArray(frames, count);
         record.reason = reasonOf(exception);
-        record.address = count > 0 ? static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(frames[0])) : 0;
+        // At the throw, entry 0 is the capturing wrapper: the first frame reported is the thrower's.
+        const int first = atThrow ? 1 : 0;
+        record.address =
+            count > first ? static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(frames[first])) : 0;
         record.osVersion = crash::osVersion();
         record.time = getCurrentTime();
         record.deviceModel = deviceModel();
@@ -194,6 +221,7 @@ void JtCrashLogger::exceptionCallback(std::exception_ptr exception) {
     } catch (...) {
     }
     // Uninstall.
+    crash::captureThrowSites(false);
     std::set_terminate(gPreviousTerminate.load() ? gPreviousTerminate.load() : std::get_terminate());
     for (int s : kUninstalledSignals) setDefaultAction(s);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -188,6 +189,35 @@ TEST_F(HostSandboxTest, AHostQuittingWithRequestsInFlightExitsCleanly) {
     EXPECT_EQ(host.wait(30s), 0) << "the host died at exit";
     for (const auto& line : host.lines())
         EXPECT_FALSE(json::parse(line, nullptr, false).is_discarded()) << "not a JSON line: " << line;
+}
+
+TEST_F(HostSandboxTest, TheSegmentationFaultIsARealOneAndItsRecordKeepsTheReportsCodeAndAddress) {
+    TempFolder home;
+    const std::map<std::string, std::string> environment = {{"TESSRA_HOME", home.path().string()}};
+    {
+        ChildProcess crashing(binary("tessra-host"), {}, environment);
+        crashing.write("{\"op\":\"crash.registerLogger\"}\n{\"op\":\"crash.trigger\",\"kind\":\"SIGSEGV\"}\n");
+        crashing.closeInput();
+        EXPECT_EQ(crashing.wait(60s), 128 + SIGSEGV);
+    }
+    ChildProcess next(binary("tessra-host"), {}, environment);
+    next.write("{\"op\":\"crash.logFile\"}\n{\"op\":\"crash.writeRecord\",\"fromReport\":true}\n");
+    next.closeInput();
+    EXPECT_EQ(next.wait(60s), 0);
+    std::vector<json> lines;
+    for (const auto& line : next.lines()) lines.push_back(json::parse(line, nullptr, false));
+
+    const long report = indexOf(lines, {{"op", "crash.logFile"}});
+    ASSERT_GE(report, 0);
+    const std::string text = lines[static_cast<std::size_t>(report)].value("result", "");
+    // A write to address 16, which is not mapped: not a raised signal (code -6, the pid).
+    EXPECT_NE(text.find("\nCODE: " + std::to_string(SEGV_MAPERR) + "\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nInfo: signal:" + std::to_string(SIGSEGV) + "\naddress:0x00000010\n"), std::string::npos)
+        << text;
+    const long record = indexOf(lines, {{"op", "crash.writeRecord"}});
+    ASSERT_GE(record, 0);
+    const std::string file = lines[static_cast<std::size_t>(record)].value("result", "");
+    EXPECT_EQ(fs::path(file).filename(), "record-16-" + std::to_string(SEGV_MAPERR)) << lines[static_cast<std::size_t>(record)];
 }
 
 }  // namespace

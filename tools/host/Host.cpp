@@ -1,9 +1,12 @@
 #include "Host.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -234,11 +237,37 @@ int overflowStack(int depth) {
     return overflowStack(depth + 1) + frame[0];
 }
 
+// Real faults, so that a report shows what the system says about them (si_code, fault
+// address), not a raised signal. They stay out of sanitizer checks, which would stop first.
+#define TESSRA_HOST_FAULT __attribute__((noinline, no_sanitize_address, no_sanitize_undefined, no_sanitize_thread))
+
+// Page zero is never mapped: a write there is a segmentation fault at that address.
+TESSRA_HOST_FAULT void writeToUnmappedAddress() {
+    volatile int* volatile unmapped = reinterpret_cast<volatile int*>(std::uintptr_t{16});
+    *unmapped = 1;
+}
+
+// Integer division by zero traps where the processor does (x86); elsewhere it is raised.
+TESSRA_HOST_FAULT void divideByZero() {
+    volatile int zero = 0;
+    volatile int one = 1;
+    one = one / zero;
+    std::raise(SIGFPE);
+}
+
 void crashAsAsked(const std::string& kind) {
-    static const std::map<std::string, int> signals = {{"SIGABRT", SIGABRT}, {"SIGBUS", SIGBUS}, {"SIGFPE", SIGFPE},
-                                                       {"SIGILL", SIGILL},   {"SIGSEGV", SIGSEGV}, {"SIGTRAP", SIGTRAP}};
+    static const std::map<std::string, int> raised = {
+        {"SIGABRT", SIGABRT}, {"SIGBUS", SIGBUS}, {"SIGILL", SIGILL}, {"SIGTRAP", SIGTRAP}};
     std::fflush(stdout);
-    if (auto it = signals.find(kind); it != signals.end()) {
+    if (kind == "SIGSEGV") {
+        writeToUnmappedAddress();
+        return;
+    }
+    if (kind == "SIGFPE") {
+        divideByZero();
+        return;
+    }
+    if (auto it = raised.find(kind); it != raised.end()) {
         std::raise(it->second);
         return;
     }
@@ -256,6 +285,73 @@ void crashAsAsked(const std::string& kind) {
         []() noexcept { throwUncaught(); }();
     }
     throw BadArguments("unknown crash kind \"" + kind + "\"");
+}
+
+// ---- Crash reports read back ----
+
+std::optional<std::string> unlessNull(const std::string& text) {
+    if (text == "(null)") return std::nullopt;
+    return text;
+}
+
+std::uint32_t low32OfHex(const std::string& hex) {
+    return static_cast<std::uint32_t>(std::strtoull(hex.c_str(), nullptr, 16) & 0xFFFFFFFFu);
+}
+
+// A crash record with what a report says: the values the logger had when it wrote it.
+JtCrashLogFile recordFromReport(const std::string& text) {
+    std::vector<std::string> lines;
+    for (std::size_t start = 0; start <= text.size();) {
+        const auto end = std::min(text.find('\n', start), text.size());
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    const auto valueAfter = [&lines](const std::string& prefix) -> std::optional<std::string> {
+        for (const auto& line : lines)
+            if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
+        return std::nullopt;
+    };
+    const bool signal = text.rfind("FROM signal: ", 0) == 0;
+    if (!signal && text.rfind("From exception: ", 0) != 0) throw BadArguments("crash.txt is not a crash report");
+
+    JtCrashLogFile record;
+    record.type = static_cast<std::int32_t>(std::stol(valueAfter(signal ? "TYPE: " : "Type: ").value_or("0")));
+    record.code = std::stoll(valueAfter(signal ? "CODE: " : "Code: ").value_or("0"));
+    // "VERSION: <version>BUILD: <build>" or "Version: <version> build: <build>".
+    if (auto versions = valueAfter(signal ? "VERSION: " : "Version: ")) {
+        const std::string separator = signal ? "BUILD: " : " build: ";
+        if (const auto at = versions->rfind(separator); at != std::string::npos) {
+            record.appVersion = unlessNull(versions->substr(0, at));
+            record.buildVersion = unlessNull(versions->substr(at + separator.size()));
+        }
+    }
+    // The stack: one frame a line between "(" and ")", indented, maybe quoted, comma-separated.
+    std::vector<std::string> stack;
+    const std::string opening = signal ? "STACK: (" : "CallStack: (";
+    auto line = std::find(lines.begin(), lines.end(), opening);
+    if (line != lines.end())
+        for (++line; line != lines.end() && *line != ")"; ++line) {
+            std::string frame = line->substr(std::min<std::size_t>(4, line->size()));
+            if (!frame.empty() && frame.back() == ',') frame.pop_back();
+            if (frame.size() >= 2 && frame.front() == '"' && frame.back() == '"') frame = frame.substr(1, frame.size() - 2);
+            stack.push_back(frame);
+        }
+    record.callStack = stack;
+    if (signal) {
+        // "Info: signal:<n>", "address:0x<hex>", then the fault address described, up to "OS: ".
+        auto info = std::find_if(lines.begin(), lines.end(), [](const std::string& l) { return l.rfind("Info: ", 0) == 0; });
+        if (info != lines.end()) {
+            std::string joined = info->substr(6);
+            for (auto next = info + 1; next != lines.end() && next->rfind("OS: ", 0) != 0; ++next) joined += "\n" + *next;
+            record.info = joined;
+        }
+        if (auto address = valueAfter("address:0x")) record.address = low32OfHex(*address);
+    } else if (!stack.empty()) {
+        // An exception's address is its first frame's: "... [0x<hex>]".
+        if (const auto at = stack.front().rfind("[0x"); at != std::string::npos)
+            record.address = low32OfHex(stack.front().substr(at + 3));
+    }
+    return record;
 }
 
 platform::DeviceOrientation orientationNamed(const std::string& name) {
@@ -516,9 +612,15 @@ void Host::registerOperations() {
     };
     ops["crash.writeRecord"] = [](const Json& a) {
         JtCrashLogFile record;
-        record.type = static_cast<std::int32_t>(integerArg(a, "type"));
-        record.address = static_cast<std::uint32_t>(integerArg(a, "address"));
-        record.code = integerArg(a, "code");
+        if (optionalBool(a, "fromReport").value_or(false)) {
+            std::ifstream in(JtCrashLogger::getLogFileName(), std::ios::binary);
+            if (!in) throw BadArguments("there is no crash report to keep");
+            record = recordFromReport(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()));
+        } else {
+            record.type = static_cast<std::int32_t>(integerArg(a, "type"));
+            record.address = static_cast<std::uint32_t>(integerArg(a, "address"));
+            record.code = integerArg(a, "code");
+        }
         if (auto it = a.find("callStack"); it != a.end() && it->is_array())
             record.callStack = it->get<std::vector<std::string>>();
         if (a.contains("appVersion")) record.appVersion = stringArg(a, "appVersion");

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <ctime>
 #include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <execinfo.h>
@@ -18,6 +20,14 @@
 
 #include "CrashChild.hpp"
 #include "TestEnv.hpp"
+
+// A thrower the report can name: the test binary exports its symbols, and an unmangled
+// name reads the same in every frame description.
+volatile int gThrowCount = 0;
+extern "C" __attribute__((noinline)) void tessraTestThrowSite() {
+    gThrowCount = gThrowCount + 1;
+    throw std::runtime_error("thrown here");
+}
 
 namespace tessrakite::test {
 namespace {
@@ -241,6 +251,65 @@ TEST_F(CrashCapture, NullWriteReportsTheFaultCodeAndAZeroAddress) {
     const auto text = readFile(logFile());
     EXPECT_NE(text.find("\nCODE: " + std::to_string(SEGV_MAPERR) + "\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\naddress:0x00000000\n[(nil)]\n"), std::string::npos) << text;
+}
+
+// Two threads that write through a null pointer at the same moment.
+void twoThreadsFaultTogether() {
+    std::atomic<int> arrived{0};
+    auto fault = [&arrived] {
+        arrived.fetch_add(1);
+        while (arrived.load() < 2) {
+        }
+        writeNull();
+    };
+    std::thread first(fault), second(fault);
+    first.join();
+    second.join();
+}
+
+TEST_F(CrashCapture, TwoThreadsCrashingTogetherLeaveOneCompleteReport) {
+    const auto complete = [](const std::string& text) {
+        const auto time = text.rfind("\nTIME: ");
+        return text.rfind("FROM signal: CrashSample\n", 0) == 0 &&
+               text.find("\nInfo: signal:" + std::to_string(SIGSEGV) + "\n") != std::string::npos &&
+               time != std::string::npos &&
+               std::regex_match(text.substr(time), std::regex("\nTIME: [0-9-]{10} [0-9:]{8}\n"));
+    };
+    int completeReports = 0;
+    for (int run = 0; run < 100; ++run) {
+        std::filesystem::remove_all(logFolder());
+        auto outcome = runInChild([] {
+            JtCrashLogger::registerLogger();
+            twoThreadsFaultTogether();
+        });
+        ASSERT_TRUE(outcome.signaled) << describe(outcome);
+        EXPECT_EQ(outcome.signal, SIGSEGV);
+        std::vector<std::string> files;
+        for (const auto& e : std::filesystem::directory_iterator(logFolder()))
+            files.push_back(e.path().filename().string());
+        EXPECT_EQ(files, std::vector<std::string>{"crash.txt"}) << "run " << run;
+        if (complete(readFile(logFile()))) ++completeReports;
+    }
+    EXPECT_EQ(completeReports, 100);
+}
+
+TEST_F(CrashCapture, AnUncaughtExceptionIsReportedWhereItWasThrown) {
+    auto outcome = runInChild([] {
+        JtCrashLogger::registerLogger();
+        // Caught and thrown again elsewhere first: the report names the throw that escaped.
+        try {
+            throw std::logic_error("caught");
+        } catch (const std::exception&) {
+        }
+        std::thread([] { tessraTestThrowSite(); }).join();
+    });
+    ASSERT_TRUE(outcome.signaled) << describe(outcome);
+    EXPECT_EQ(outcome.signal, SIGABRT);
+    const auto lines = splitLines(readFile(logFile()));
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_EQ(lines[3], "Reason: thrown here");
+    EXPECT_EQ(lines[4], "CallStack: (");
+    EXPECT_NE(lines[5].find("(tessraTestThrowSite+0x"), std::string::npos) << lines[5];
 }
 
 TEST_F(CrashCapture, SigtrapIsStillCaughtAfterAnExceptionReport) {

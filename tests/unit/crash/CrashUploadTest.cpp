@@ -157,13 +157,16 @@ TEST_F(CrashUpload, RecordsInSubfoldersAreUploadedToo) {
     EXPECT_EQ(lines, (std::vector<std::string>{"older", "older/one.json", "two.json"}));
 }
 
-TEST_F(CrashUpload, TheStoredCrashUrlGivesSchemeHostAndPort) {
-    // Nothing listens on the built-in host now; the stored URL's path and query are not used.
+TEST_F(CrashUpload, TheStoredCrashUrlGivesOnlyHostAndPortAndUploadsStayHttp) {
+    // Nothing listens on the built-in host now. The stored URL says https, but the backend's
+    // port speaks plain HTTP: only an http upload to /post.php reaches it and gets its 200.
     ::setenv("TESSRA_CRASH_HOST", "127.0.0.1:1", 1);
-    StorageManager().set(StorageKey::crashUrl, backend_.httpBase() + "/elsewhere/upload?x=1");
+    StorageManager().set(StorageKey::crashUrl, "https://" + backend_.httpHost() + "/elsewhere/upload?x=1");
     backend_.on("POST", "/post.php", Answer::withStatus(200));
     ASSERT_TRUE(signalRecord()->writeToFile(record("r.json")));
 
+    EXPECT_EQ(requestWithJtCrashLogFile(signalRecord())->url.absoluteString(),
+              backend_.httpBase() + "/post.php?ver=2.5&addr=3735928559&code=4294967290");
     reportAndWait();
 
     ASSERT_EQ(backend_.requests().size(), 1u);
