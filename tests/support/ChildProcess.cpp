@@ -141,6 +141,10 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
         std::this_thread::sleep_for(10ms);
     }
     exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    // The child has gone, but its last lines may still be in the pipe: let the reader
+    // drain it, so lines() is complete once wait() returns.
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, 5s, [&] { return outputClosed_; });
     return exitCode_;
 }
 
