@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <sstream>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -422,6 +423,11 @@ struct CurlUrlSession::State {
         return stoppedChanged.wait_for(lock, timeout, [&] { return workerExited && synchronousSends == 0; });
     }
 
+    void waitWorkerExited() {
+        std::unique_lock lock(mutex);
+        stoppedChanged.wait(lock, [&] { return workerExited; });
+    }
+
     void complete(std::unique_ptr<Transfer> transfer, const UrlResult& result) {
         auto completion = std::move(transfer->completion);
         transfer.reset();
@@ -488,6 +494,16 @@ struct CurlUrlSession::State {
     }
 
     static void run(std::shared_ptr<State> self) {
+        work(*self);
+        // Last: a waiter may go on (and the process end) as soon as this is set.
+        {
+            std::lock_guard lock(self->mutex);
+            self->workerExited = true;
+        }
+        self->stoppedChanged.notify_all();
+    }
+
+    static void work(const std::shared_ptr<State>& self) {
         // A stack overflow on this thread still reaches the crash handler.
         crash::ThreadAlternateStack alternateStack;
         currentWorker = self.get();
@@ -509,11 +525,6 @@ struct CurlUrlSession::State {
         }
         self->cancelEverything();
         currentWorker = nullptr;
-        {
-            std::lock_guard lock(self->mutex);
-            self->workerExited = true;
-        }
-        self->stoppedChanged.notify_all();
     }
 
     // ---- synchronous path ----
@@ -615,7 +626,9 @@ void stopSessionsAtExit() {
 CurlUrlSession::CurlUrlSession(UrlSessionOptions options) {
     initializeCurlOnce();
     state_ = std::make_shared<State>(std::move(options));
-    worker_ = std::thread(&State::run, state_);
+    // Detached: the worker is waited for through its state, so that a session that lives
+    // until the process exits (the platform's) leaves no thread to join.
+    std::thread(&State::run, state_).detach();
     try {
         std::lock_guard lock(sessionsMutex());
         auto& sessions = liveSessions();
@@ -628,11 +641,8 @@ CurlUrlSession::CurlUrlSession(UrlSessionOptions options) {
 
 CurlUrlSession::~CurlUrlSession() {
     state_->requestStop();
-    if (!worker_.joinable()) return;
-    if (worker_.get_id() == std::this_thread::get_id())
-        worker_.detach();  // dropped inside a completion: the worker finishes once it returns
-    else
-        worker_.join();
+    // Dropped inside a completion: the worker finishes once that returns.
+    if (!state_->onWorker()) state_->waitWorkerExited();
 }
 
 void CurlUrlSession::dataTask(UrlRequest request, Completion completion) {

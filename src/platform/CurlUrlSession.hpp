@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <thread>
 
 #include <tessrakite/platform/UrlSession.hpp>
 
@@ -29,7 +28,6 @@ private:
     // Shared with the worker, which may outlive this object when the last reference is
     // dropped inside a completion.
     std::shared_ptr<State> state_;
-    std::thread worker_;
 };
 
 }  // namespace tessrakite::platform
