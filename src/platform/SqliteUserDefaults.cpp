@@ -124,7 +124,9 @@ std::optional<PlistValue> columnValue(sqlite3_stmt* s, int typeColumn, int value
 }
 
 // Binds ?2 (type) and ?3 (value). `scratch` holds an encoded container until the
-// statement has run. False when the value cannot be stored.
+// statement has run. False when the value cannot be stored; raises nesting::TooDeep for a
+// container nested too deeply, which is not kept in memory either (every copy of it would
+// recurse).
 bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
     auto type = [&](StoredType t) { return sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(t)); };
     switch (v.type()) {
@@ -150,7 +152,7 @@ bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
         case PlistValue::Type::array:
         case PlistValue::Type::dictionary: {
             auto blob = stored::encodeBlob(v);
-            if (!blob) return false;
+            if (!blob) throw nesting::TooDeep();
             scratch = std::move(*blob);
             type(v.asArray() ? StoredType::array : StoredType::dictionary);
             return bindBlob(s, 3, scratch.data(), scratch.size()) == SQLITE_OK;
@@ -522,7 +524,7 @@ struct SqliteUserDefaults::Impl {
     }
 
     std::string describe(int rc) const {
-        if (rc == SQLITE_TOOBIG) return "the value is too large or nested too deeply";
+        if (rc == SQLITE_TOOBIG) return "the value is too large";
         if (rc == SQLITE_CANTOPEN && !db) return "the store is not open";
         return lastError(rc);
     }
