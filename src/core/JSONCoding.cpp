@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "platform/Nesting.hpp"
+
 namespace tessrakite::coding {
 
 std::string describeError(const char* kind, const std::vector<std::string>& path, const std::string& text) {
@@ -116,7 +118,9 @@ void checkString(const std::string& s) {
     if (!isUTF8(s)) throw std::invalid_argument("The data couldn't be written: a string is not valid UTF-8.");
 }
 
-Json toJSON(const PlistValue& value) {
+Json serializeAt(const PlistDictionary& dictionary, int level);
+
+Json toJSON(const PlistValue& value, int level) {
     switch (value.type()) {
         case PlistValue::Type::null: return nullptr;
         case PlistValue::Type::boolean: return *value.asBool();
@@ -131,12 +135,13 @@ Json toJSON(const PlistValue& value) {
             throw std::invalid_argument(std::string("The data couldn't be written: a ") +
                                         PlistValue::typeName(value.type()) + " has no JSON form.");
         case PlistValue::Type::array: {
+            nesting::check(level);
             auto out = Json::array();
             out.get_ref<Json::array_t&>().reserve(value.asArray()->size());
-            for (const auto& element : *value.asArray()) out.push_back(toJSON(element));
+            for (const auto& element : *value.asArray()) out.push_back(toJSON(element, level + 1));
             return out;
         }
-        case PlistValue::Type::dictionary: return serialize(*value.asDictionary());
+        case PlistValue::Type::dictionary: return serializeAt(*value.asDictionary(), level);
     }
     return nullptr;
 }
@@ -149,16 +154,23 @@ bool isValidJSONObject(const PlistDictionary& dictionary) {
     return true;
 }
 
-Json serialize(const PlistDictionary& dictionary) {
+Json serialize(const PlistDictionary& dictionary) { return serializeAt(dictionary, 1); }
+
+namespace {
+
+Json serializeAt(const PlistDictionary& dictionary, int level) {
+    nesting::check(level);
     auto out = Json::object();
     auto& members = out.get_ref<Json::object_t&>();
     members.reserve(dictionary.size());
     for (const auto& [key, value] : dictionary) {
         checkString(key);
         // The source keys are unique, so append without the ordered map's lookup.
-        members.Json::object_t::Container::emplace_back(key, toJSON(value));
+        members.Json::object_t::Container::emplace_back(key, toJSON(value, level + 1));
     }
     return out;
 }
+
+}  // namespace
 
 }  // namespace tessrakite::coding

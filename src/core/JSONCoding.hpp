@@ -140,7 +140,8 @@ private:
 /// True when every value in the dictionary has a JSON form (no data, date, NaN or infinity).
 bool isValidJSONObject(const PlistDictionary& dictionary);
 /// The JSON form of a user-info dictionary. Raises std::invalid_argument for a value
-/// without one, or for a string that is not UTF-8 (it could not be written as JSON text).
+/// without one, for a string that is not UTF-8 (it could not be written as JSON text), or
+/// for containers nested deeper than nesting::kMaxDepth.
 Json serialize(const PlistDictionary& dictionary);
 
 }  // namespace tessrakite::coding
