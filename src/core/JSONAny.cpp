@@ -8,6 +8,7 @@
 #include <tessrakite/core/DecodingError.hpp>
 #include <tessrakite/core/EncodingError.hpp>
 
+#include "core/JSONCoding.hpp"
 #include "platform/Nesting.hpp"
 
 namespace tessrakite {
@@ -26,7 +27,8 @@ void checkEncodeDepth(int level) {
 }
 
 // The scalar types in their fixed order: the first that fits wins, so `true` is a
-// boolean and never an integer, and `1` an integer and never a double.
+// boolean and never an integer, and `1` (or `1.0`, an integral value) an integer and never
+// a double.
 std::optional<std::any> decodeScalar(const Json& json) {
     if (json.is_boolean()) return std::any(json.get<bool>());
     if (json.is_number_integer()) {
@@ -35,7 +37,11 @@ std::optional<std::any> decodeScalar(const Json& json) {
             return std::any(json.get<double>());  // too large for Int64, so the double step takes it
         return std::any(json.get<std::int64_t>());
     }
-    if (json.is_number()) return std::any(json.get<double>());
+    if (json.is_number()) {
+        const double d = json.get<double>();
+        if (d == std::trunc(d) && coding::fitsInt64(d)) return std::any(static_cast<std::int64_t>(d));
+        return std::any(d);
+    }
     if (json.is_string()) return std::any(json.get<std::string>());
     if (json.is_null()) return std::any(JSONNull{});
     return std::nullopt;

@@ -41,6 +41,11 @@ const char* foundName(const Json& json) noexcept {
     return "nothing";
 }
 
+bool fitsInt64(double d) noexcept {
+    // -2^63 is exact as a double; 2^63 is the first double past the range.
+    return d >= -9223372036854775808.0 && d < 9223372036854775808.0;
+}
+
 void throwTypeMismatch(const char* expected, const Json& found) {
     throw DecodingError(DecodingError::Kind::typeMismatch,
                         std::string("Expected to decode ") + expected + " but found " + foundName(found) + " instead.");
@@ -58,6 +63,17 @@ void decodeValue(const Json& json, std::int64_t& out) {
             throw DecodingError(DecodingError::Kind::dataCorrupted,
                                 "Parsed JSON number " + std::to_string(u) + " does not fit in Int64.");
         out = static_cast<std::int64_t>(u);
+        return;
+    }
+    if (json.is_number_float()) {
+        // As the platform's decoder does: a number with an integral value (3.0, 3e0) is an
+        // integer, a fraction is not.
+        const double d = json.get_ref<const Json::number_float_t&>();
+        if (d != std::trunc(d)) throwTypeMismatch("Int64", json);
+        if (!fitsInt64(d))
+            throw DecodingError(DecodingError::Kind::dataCorrupted,
+                                "Parsed JSON number " + json.dump() + " does not fit in Int64.");
+        out = static_cast<std::int64_t>(d);
         return;
     }
     if (!json.is_number_integer()) throwTypeMismatch("Int64", json);
