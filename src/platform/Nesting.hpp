@@ -36,6 +36,7 @@ inline bool jsonWithinLimit(std::string_view text) noexcept {
     const char* const end = p + text.size();
     while (p != end) {
         const char c = *p++;
+        if (c == '\0') return true;  // nlohmann's parser reads no further either
         if (c == '"') {
             while (p != end && *p != '"') p += (*p == '\\' && end - p > 1) ? 2 : 1;
             if (p != end) ++p;
