@@ -503,7 +503,8 @@ struct SqliteUserDefaults::Impl {
         return rc;
     }
 
-    int store(std::string_view key, const std::optional<PlistValue>& value) {
+    // `value`: nothing removes the key.
+    int store(std::string_view key, const PlistValue* value) {
         sqlite3_stmt* s = value ? upsertStmt : deleteStmt;
         ResetOnExit reset(s);
         std::string scratch;
@@ -550,14 +551,17 @@ struct SqliteUserDefaults::Impl {
         return value;
     }
 
-    void write(std::string_view key, const std::optional<PlistValue>& value) {
+    // `value`: nothing removes the key. Copied only once the store took it: a value nested
+    // too deeply is refused before any copy could recurse.
+    void write(std::string_view key, const PlistValue* value) {
         int rc = withRecovery([&] { return store(key, value); });
+        const std::optional<PlistValue> copy = value ? std::optional<PlistValue>(*value) : std::nullopt;
         if (rc != SQLITE_OK) {
-            keepUnsaved(key, value, rc);
+            keepUnsaved(key, copy, rc);
             return;
         }
         unsaved.erase(std::string(key));
-        remember(key, value);
+        remember(key, copy);
     }
 
     void update(std::string_view key, const Updater& fn) {
@@ -595,7 +599,7 @@ struct SqliteUserDefaults::Impl {
         if (next && next->isNull()) next.reset();
 
         if (inTransaction) {
-            rc = store(key, next);
+            rc = store(key, next ? &*next : nullptr);
             if (rc == SQLITE_OK) rc = run(commitStmt);
         }
         if (rc != SQLITE_OK) {
@@ -664,10 +668,7 @@ std::optional<PlistValue> SqliteUserDefaults::object(std::string_view key) {
 void SqliteUserDefaults::set(std::string_view key, const PlistValue& value) {
     try {
         std::lock_guard lock(impl_->mutex);
-        if (value.isNull())
-            impl_->write(key, std::nullopt);
-        else
-            impl_->write(key, value);
+        impl_->write(key, value.isNull() ? nullptr : &value);
     } catch (const std::exception& e) {
         Console::print("UserDefaults: cannot save \"" + std::string(key) + "\": " + e.what());
     } catch (...) {
@@ -677,7 +678,7 @@ void SqliteUserDefaults::set(std::string_view key, const PlistValue& value) {
 void SqliteUserDefaults::removeObject(std::string_view key) {
     try {
         std::lock_guard lock(impl_->mutex);
-        impl_->write(key, std::nullopt);
+        impl_->write(key, nullptr);
     } catch (const std::exception& e) {
         Console::print("UserDefaults: cannot remove \"" + std::string(key) + "\": " + e.what());
     } catch (...) {
