@@ -90,9 +90,10 @@ void TessraQuill::sendCustomEvent(const std::string& key, const PlistValue& valu
     try {
         if (!analyticsOn()) return;
         // A dictionary goes as it is; any other value is wrapped so the event still has one.
-        PlistValue dictionary = value.asDictionary() ? value : PlistValue(PlistDictionary{{"value", value}});
+        // Converted straight from `value`: a copy of a deep tree would recurse before toJSON
+        // could refuse it.
         auto e = ordered_json::object();
-        e[key] = dictionary.toJSON();
+        e[key] = value.asDictionary() ? value.toJSON() : ordered_json{{"value", value.toJSON()}};
         detail::onUtilityQueue([key, e] {
             ActivityBody body(ActivityCode::open, key, currentSession());
             body.msg = key;

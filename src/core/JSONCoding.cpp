@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "platform/Nesting.hpp"
+
 namespace tessrakite::coding {
 
 std::string describeError(const char* kind, const std::vector<std::string>& path, const std::string& text) {
@@ -39,6 +41,11 @@ const char* foundName(const Json& json) noexcept {
     return "nothing";
 }
 
+bool fitsInt64(double d) noexcept {
+    // -2^63 is exact as a double; 2^63 is the first double past the range.
+    return d >= -9223372036854775808.0 && d < 9223372036854775808.0;
+}
+
 void throwTypeMismatch(const char* expected, const Json& found) {
     throw DecodingError(DecodingError::Kind::typeMismatch,
                         std::string("Expected to decode ") + expected + " but found " + foundName(found) + " instead.");
@@ -56,6 +63,17 @@ void decodeValue(const Json& json, std::int64_t& out) {
             throw DecodingError(DecodingError::Kind::dataCorrupted,
                                 "Parsed JSON number " + std::to_string(u) + " does not fit in Int64.");
         out = static_cast<std::int64_t>(u);
+        return;
+    }
+    if (json.is_number_float()) {
+        // As the platform's decoder does: a number with an integral value (3.0, 3e0) is an
+        // integer, a fraction is not.
+        const double d = json.get_ref<const Json::number_float_t&>();
+        if (d != std::trunc(d)) throwTypeMismatch("Int64", json);
+        if (!fitsInt64(d))
+            throw DecodingError(DecodingError::Kind::dataCorrupted,
+                                "Parsed JSON number " + json.dump() + " does not fit in Int64.");
+        out = static_cast<std::int64_t>(d);
         return;
     }
     if (!json.is_number_integer()) throwTypeMismatch("Int64", json);
@@ -116,7 +134,9 @@ void checkString(const std::string& s) {
     if (!isUTF8(s)) throw std::invalid_argument("The data couldn't be written: a string is not valid UTF-8.");
 }
 
-Json toJSON(const PlistValue& value) {
+Json serializeAt(const PlistDictionary& dictionary, int level);
+
+Json toJSON(const PlistValue& value, int level) {
     switch (value.type()) {
         case PlistValue::Type::null: return nullptr;
         case PlistValue::Type::boolean: return *value.asBool();
@@ -131,12 +151,13 @@ Json toJSON(const PlistValue& value) {
             throw std::invalid_argument(std::string("The data couldn't be written: a ") +
                                         PlistValue::typeName(value.type()) + " has no JSON form.");
         case PlistValue::Type::array: {
+            nesting::check(level);
             auto out = Json::array();
             out.get_ref<Json::array_t&>().reserve(value.asArray()->size());
-            for (const auto& element : *value.asArray()) out.push_back(toJSON(element));
+            for (const auto& element : *value.asArray()) out.push_back(toJSON(element, level + 1));
             return out;
         }
-        case PlistValue::Type::dictionary: return serialize(*value.asDictionary());
+        case PlistValue::Type::dictionary: return serializeAt(*value.asDictionary(), level);
     }
     return nullptr;
 }
@@ -149,16 +170,23 @@ bool isValidJSONObject(const PlistDictionary& dictionary) {
     return true;
 }
 
-Json serialize(const PlistDictionary& dictionary) {
+Json serialize(const PlistDictionary& dictionary) { return serializeAt(dictionary, 1); }
+
+namespace {
+
+Json serializeAt(const PlistDictionary& dictionary, int level) {
+    nesting::check(level);
     auto out = Json::object();
     auto& members = out.get_ref<Json::object_t&>();
     members.reserve(dictionary.size());
     for (const auto& [key, value] : dictionary) {
         checkString(key);
         // The source keys are unique, so append without the ordered map's lookup.
-        members.Json::object_t::Container::emplace_back(key, toJSON(value));
+        members.Json::object_t::Container::emplace_back(key, toJSON(value, level + 1));
     }
     return out;
 }
+
+}  // namespace
 
 }  // namespace tessrakite::coding

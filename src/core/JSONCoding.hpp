@@ -4,6 +4,7 @@
 // errors that name the path to the failing value.
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -23,6 +24,8 @@ std::string describeError(const char* kind, const std::vector<std::string>& path
 /// "a string", "a number", ... for messages about what was found.
 const char* foundName(const Json& json) noexcept;
 [[noreturn]] void throwTypeMismatch(const char* expected, const Json& found);
+/// True when the double, integral or not, lies within Int64's range.
+bool fitsInt64(double d) noexcept;
 
 template <class T>
 inline constexpr bool isVector = false;
@@ -40,13 +43,16 @@ constexpr const char* typeName() {
     else return "Dictionary";
 }
 
-// Strict scalars: no number is read as a bool, no bool or fraction as an integer.
+// Strict scalars: no number is read as a bool, no bool or fraction as an integer (a
+// number with an integral value, like 3.0, is one).
 void decodeValue(const Json& json, bool& out);
 void decodeValue(const Json& json, std::int64_t& out);
 void decodeValue(const Json& json, double& out);
 void decodeValue(const Json& json, std::string& out);
 template <class T>
 void decodeValue(const Json& json, std::vector<T>& out);
+template <class T>
+void decodeValue(const Json& json, std::map<std::string, T>& out);
 // Records decode through their own from_json.
 template <class T>
 void decodeValue(const Json& json, T& out) {
@@ -72,6 +78,25 @@ void decodeValue(const Json& json, std::vector<T>& out) {
             throw;
         }
         ++index;
+    }
+}
+
+template <class T>
+void decodeValue(const Json& json, std::map<std::string, T>& out) {
+    if (!json.is_object()) throwTypeMismatch("Dictionary", json);
+    out.clear();
+    for (auto it = json.begin(); it != json.end(); ++it) {
+        try {
+            if (it->is_null())
+                throw DecodingError(DecodingError::Kind::valueNotFound,
+                                    std::string("Expected ") + typeName<T>() + " value but found null instead.");
+            T value{};
+            decodeValue(*it, value);
+            out.insert_or_assign(it.key(), std::move(value));
+        } catch (DecodingError& e) {
+            e.prependKey(it.key());
+            throw;
+        }
     }
 }
 
@@ -140,7 +165,8 @@ private:
 /// True when every value in the dictionary has a JSON form (no data, date, NaN or infinity).
 bool isValidJSONObject(const PlistDictionary& dictionary);
 /// The JSON form of a user-info dictionary. Raises std::invalid_argument for a value
-/// without one, or for a string that is not UTF-8 (it could not be written as JSON text).
+/// without one, for a string that is not UTF-8 (it could not be written as JSON text), or
+/// for containers nested deeper than nesting::kMaxDepth.
 Json serialize(const PlistDictionary& dictionary);
 
 }  // namespace tessrakite::coding

@@ -9,6 +9,7 @@
 #include <tessrakite/platform/Platform.hpp>
 
 #include "core/Text.hpp"
+#include "platform/Nesting.hpp"
 
 namespace tessrakite {
 
@@ -110,7 +111,7 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
                      PlistValue(httpDate(platform::currentPlatform()->clock->now())));
         Config document;
         try {
-            document = ordered_json::parse(text).get<Config>();
+            document = nesting::parseJSON<ordered_json>(text).get<Config>();
         } catch (const std::exception& e) {
             Console::print("Error took place ", e.what());
             completion(nullptr);

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "crash/AtomicFile.hpp"
+#include "platform/Nesting.hpp"
 
 namespace tessrakite {
 namespace {
@@ -104,6 +105,7 @@ std::shared_ptr<JtCrashLogFile> JtCrashLogFile::createFromLogFileName(const std:
         std::ifstream in(path, std::ios::binary);
         if (!in) return nullptr;
         std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (!nesting::jsonWithinLimit(text)) return nullptr;
         auto coder = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
         if (coder.is_discarded()) return nullptr;
         return initWithCoder(coder);

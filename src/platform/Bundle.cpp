@@ -4,15 +4,43 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 
 #include <plist/plist.h>
 #include <unistd.h>
 
+#include "platform/Nesting.hpp"
+
 namespace tessrakite::platform {
 namespace {
 
-PlistValue fromNode(plist_t node) {
+// libplist builds and frees its trees recursively, so a too deep document has to be refused
+// before it gets there. For XML: count the <array> and <dict> elements open at once; text
+// that merely looks like a tag (in a comment, say) only makes the count stricter.
+bool xmlWithinLimit(std::string_view text) {
+    int depth = 0;
+    for (auto at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
+        const auto tag = text.substr(at + 1);
+        const bool closing = !tag.empty() && tag.front() == '/';
+        const auto name = closing ? tag.substr(1) : tag;
+        std::size_t length = name.starts_with("array") ? 5 : name.starts_with("dict") ? 4 : 0;
+        if (!length || name.size() == length) continue;
+        const char next = name[length];
+        if (next == '/' || (next != '>' && next != ' ' && next != '\t' && next != '\n' && next != '\r')) continue;
+        if (closing) {
+            --depth;
+        } else {
+            const auto end = name.find('>');
+            if (end != std::string_view::npos && end > 0 && name[end - 1] == '/') continue;  // <array />
+            if (++depth > nesting::kMaxDepth) return false;
+        }
+    }
+    return true;
+}
+
+// `level`: the nesting level `node` has if it is a container, the outermost being 1.
+PlistValue fromNode(plist_t node, int level) {
     switch (plist_get_node_type(node)) {
         case PLIST_BOOLEAN: {
             std::uint8_t b = 0;
@@ -51,22 +79,30 @@ PlistValue fromNode(plist_t node) {
             return PlistValue(Date{978307200.0 + sec + usec / 1e6});
         }
         case PLIST_ARRAY: {
+            nesting::check(level);
             PlistArray out;
             std::uint32_t n = plist_array_get_size(node);
-            for (std::uint32_t i = 0; i < n; ++i) out.push_back(fromNode(plist_array_get_item(node, i)));
+            for (std::uint32_t i = 0; i < n; ++i) out.push_back(fromNode(plist_array_get_item(node, i), level + 1));
             return PlistValue(std::move(out));
         }
         case PLIST_DICT: {
+            nesting::check(level);
             PlistDictionary out;
             plist_dict_iter it = nullptr;
             plist_dict_new_iter(node, &it);
-            for (;;) {
-                char* key = nullptr;
-                plist_t value = nullptr;
-                plist_dict_next_item(node, it, &key, &value);
-                if (!key) break;
-                out.emplace(key, fromNode(value));
-                std::free(key);
+            try {
+                for (;;) {
+                    char* key = nullptr;
+                    plist_t value = nullptr;
+                    plist_dict_next_item(node, it, &key, &value);
+                    if (!key) break;
+                    std::string name(key);
+                    std::free(key);
+                    out.emplace(std::move(name), fromNode(value, level + 1));
+                }
+            } catch (...) {
+                std::free(it);
+                throw;
             }
             std::free(it);
             return PlistValue(std::move(out));
@@ -76,7 +112,8 @@ PlistValue fromNode(plist_t node) {
     }
 }
 
-plist_t toNode(const PlistValue& v) {
+// Nothing for a tree nested deeper than nesting::kMaxDepth; `level` as in fromNode.
+plist_t toNode(const PlistValue& v, int level) {
     switch (v.type()) {
         case PlistValue::Type::null: return plist_new_string("");
         case PlistValue::Type::boolean: return plist_new_bool(*v.asBool() ? 1 : 0);
@@ -91,13 +128,29 @@ plist_t toNode(const PlistValue& v) {
             return plist_new_date(sec, static_cast<std::int32_t>((since2001 - sec) * 1e6));
         }
         case PlistValue::Type::array: {
+            if (level > nesting::kMaxDepth) return nullptr;
             plist_t a = plist_new_array();
-            for (const auto& e : *v.asArray()) plist_array_append_item(a, toNode(e));
+            for (const auto& e : *v.asArray()) {
+                plist_t node = toNode(e, level + 1);
+                if (!node) {
+                    plist_free(a);
+                    return nullptr;
+                }
+                plist_array_append_item(a, node);
+            }
             return a;
         }
         case PlistValue::Type::dictionary: {
+            if (level > nesting::kMaxDepth) return nullptr;
             plist_t d = plist_new_dict();
-            for (const auto& [k, e] : *v.asDictionary()) plist_dict_set_item(d, k.c_str(), toNode(e));
+            for (const auto& [k, e] : *v.asDictionary()) {
+                plist_t node = toNode(e, level + 1);
+                if (!node) {
+                    plist_free(d);
+                    return nullptr;
+                }
+                plist_dict_set_item(d, k.c_str(), node);
+            }
             return d;
         }
     }
@@ -128,16 +181,23 @@ std::optional<PlistValue> readPropertyList(const std::filesystem::path& file) {
     if (!in) return std::nullopt;
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (bytes.empty()) return std::nullopt;
+    if (!std::string_view(bytes).starts_with("bplist") && !xmlWithinLimit(bytes)) return std::nullopt;
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
     if (!root) return std::nullopt;
-    PlistValue out = fromNode(root);
+    std::optional<PlistValue> out;
+    try {
+        out = fromNode(root, 1);
+    } catch (const nesting::TooDeep&) {
+        // A binary list is not scanned beforehand; it is refused here instead.
+    }
     plist_free(root);
     return out;
 }
 
 bool writePropertyList(const std::filesystem::path& file, const PlistValue& value) {
-    plist_t root = toNode(value);
+    plist_t root = toNode(value, 1);
+    if (!root) return false;
     char* xml = nullptr;
     std::uint32_t length = 0;
     plist_to_xml(root, &xml, &length);

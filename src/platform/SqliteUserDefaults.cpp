@@ -124,7 +124,9 @@ std::optional<PlistValue> columnValue(sqlite3_stmt* s, int typeColumn, int value
 }
 
 // Binds ?2 (type) and ?3 (value). `scratch` holds an encoded container until the
-// statement has run. False when the value cannot be stored.
+// statement has run. False when the value cannot be stored; raises nesting::TooDeep for a
+// container nested too deeply, which is not kept in memory either (every copy of it would
+// recurse).
 bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
     auto type = [&](StoredType t) { return sqlite3_bind_int64(s, 2, static_cast<sqlite3_int64>(t)); };
     switch (v.type()) {
@@ -150,7 +152,7 @@ bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
         case PlistValue::Type::array:
         case PlistValue::Type::dictionary: {
             auto blob = stored::encodeBlob(v);
-            if (!blob) return false;
+            if (!blob) throw nesting::TooDeep();
             scratch = std::move(*blob);
             type(v.asArray() ? StoredType::array : StoredType::dictionary);
             return bindBlob(s, 3, scratch.data(), scratch.size()) == SQLITE_OK;
@@ -519,7 +521,8 @@ struct SqliteUserDefaults::Impl {
         return rc;
     }
 
-    int store(std::string_view key, const std::optional<PlistValue>& value) {
+    // `value`: nothing removes the key.
+    int store(std::string_view key, const PlistValue* value) {
         sqlite3_stmt* s = value ? upsertStmt : deleteStmt;
         ResetOnExit reset(s);
         std::string scratch;
@@ -540,7 +543,7 @@ struct SqliteUserDefaults::Impl {
     }
 
     std::string describe(int rc) const {
-        if (rc == SQLITE_TOOBIG) return "the value is too large or nested too deeply";
+        if (rc == SQLITE_TOOBIG) return "the value is too large";
         if (rc == SQLITE_CANTOPEN && !db) return "the store is not open";
         return lastError(rc);
     }
@@ -566,14 +569,17 @@ struct SqliteUserDefaults::Impl {
         return value;
     }
 
-    void write(std::string_view key, const std::optional<PlistValue>& value) {
+    // `value`: nothing removes the key. Copied only once the store took it: a value nested
+    // too deeply is refused before any copy could recurse.
+    void write(std::string_view key, const PlistValue* value) {
         int rc = withRecovery([&] { return store(key, value); });
+        const std::optional<PlistValue> copy = value ? std::optional<PlistValue>(*value) : std::nullopt;
         if (rc != SQLITE_OK) {
-            keepUnsaved(key, value, rc);
+            keepUnsaved(key, copy, rc);
             return;
         }
         unsaved.erase(std::string(key));
-        remember(key, value);
+        remember(key, copy);
     }
 
     // Reads `keys`, lets `fn` change the values and writes every key left in them, all in
@@ -624,7 +630,7 @@ struct SqliteUserDefaults::Impl {
 
         if (inTransaction) {
             for (const auto& [key, value] : values)
-                if ((rc = store(key, value)) != SQLITE_OK) break;
+                if ((rc = store(key, value ? &*value : nullptr)) != SQLITE_OK) break;
             if (rc == SQLITE_OK) rc = run(commitStmt);
         }
         if (rc != SQLITE_OK) {
@@ -696,10 +702,7 @@ std::optional<PlistValue> SqliteUserDefaults::object(std::string_view key) {
 void SqliteUserDefaults::set(std::string_view key, const PlistValue& value) {
     try {
         std::lock_guard lock(impl_->mutex);
-        if (value.isNull())
-            impl_->write(key, std::nullopt);
-        else
-            impl_->write(key, value);
+        impl_->write(key, value.isNull() ? nullptr : &value);
     } catch (const std::exception& e) {
         Console::print("UserDefaults: cannot save \"" + std::string(key) + "\": " + e.what());
     } catch (...) {
@@ -709,7 +712,7 @@ void SqliteUserDefaults::set(std::string_view key, const PlistValue& value) {
 void SqliteUserDefaults::removeObject(std::string_view key) {
     try {
         std::lock_guard lock(impl_->mutex);
-        impl_->write(key, std::nullopt);
+        impl_->write(key, nullptr);
     } catch (const std::exception& e) {
         Console::print("UserDefaults: cannot remove \"" + std::string(key) + "\": " + e.what());
     } catch (...) {

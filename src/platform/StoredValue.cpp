@@ -24,8 +24,8 @@ enum Tag : std::uint8_t {
 
 class Writer {
 public:
-    bool value(const PlistValue& v, int depth) {
-        if (depth > kMaxBlobDepth) return false;
+    // `level`: the nesting level `v` has if it is a container, the outermost being 1.
+    bool value(const PlistValue& v, int level) {
         switch (v.type()) {
             case PlistValue::Type::null: byte(tagNull); return true;
             case PlistValue::Type::boolean: byte(*v.asBool() ? tagTrue : tagFalse); return true;
@@ -43,17 +43,19 @@ public:
                 fixed64(std::bit_cast<std::uint64_t>(v.asDate()->secondsSince1970));
                 return true;
             case PlistValue::Type::array:
+                if (level > kMaxBlobDepth) return false;
                 byte(tagArray);
                 varint(v.asArray()->size());
                 for (const auto& e : *v.asArray())
-                    if (!value(e, depth + 1)) return false;
+                    if (!value(e, level + 1)) return false;
                 return true;
             case PlistValue::Type::dictionary:
+                if (level > kMaxBlobDepth) return false;
                 byte(tagDictionary);
                 varint(v.asDictionary()->size());
                 for (const auto& [k, e] : *v.asDictionary()) {
                     bytes(k.data(), k.size());
-                    if (!value(e, depth + 1)) return false;
+                    if (!value(e, level + 1)) return false;
                 }
                 return true;
         }
@@ -93,8 +95,8 @@ public:
         return true;
     }
 
-    std::optional<PlistValue> value(int depth) {
-        if (depth > kMaxBlobDepth) return std::nullopt;
+    // `level` as in Writer::value.
+    std::optional<PlistValue> value(int level) {
         std::uint8_t tag = 0;
         if (!byte(tag)) return std::nullopt;
         switch (tag) {
@@ -129,25 +131,27 @@ public:
                 return PlistValue(std::move(d));
             }
             case tagArray: {
+                if (level > kMaxBlobDepth) return std::nullopt;
                 std::size_t n = 0;
                 if (!length(n)) return std::nullopt;  // every element takes at least one byte
                 PlistArray a;
                 a.reserve(n);
                 for (std::size_t i = 0; i < n; ++i) {
-                    auto e = value(depth + 1);
+                    auto e = value(level + 1);
                     if (!e) return std::nullopt;
                     a.push_back(std::move(*e));
                 }
                 return PlistValue(std::move(a));
             }
             case tagDictionary: {
+                if (level > kMaxBlobDepth) return std::nullopt;
                 std::size_t n = 0;
                 if (!length(n)) return std::nullopt;
                 PlistDictionary d;
                 for (std::size_t i = 0; i < n; ++i) {
                     std::string k;
                     if (!text(k)) return std::nullopt;
-                    auto e = value(depth + 1);
+                    auto e = value(level + 1);
                     if (!e || !d.emplace(std::move(k), std::move(*e)).second) return std::nullopt;
                 }
                 return PlistValue(std::move(d));
@@ -199,7 +203,7 @@ private:
 std::optional<std::string> encodeBlob(const PlistValue& value) {
     Writer w;
     w.byte(kBlobVersion);
-    if (!w.value(value, 0)) return std::nullopt;
+    if (!w.value(value, 1)) return std::nullopt;
     return std::move(w.out);
 }
 
@@ -208,7 +212,7 @@ std::optional<PlistValue> decodeBlob(const void* bytes, std::size_t size) {
     Reader r(static_cast<const std::uint8_t*>(bytes), size);
     std::uint8_t version = 0;
     if (!r.byte(version) || version != kBlobVersion) return std::nullopt;
-    auto v = r.value(0);
+    auto v = r.value(1);
     if (!v || !r.atEnd()) return std::nullopt;
     return v;
 }

@@ -7,6 +7,8 @@
 
 #include <tessrakite/platform/PlistValue.hpp>
 
+#include "platform/Nesting.hpp"
+
 namespace tessrakite::platform::stored {
 
 /// What the `type` column of the defaults table holds. The numbers are on disk: never
@@ -23,7 +25,7 @@ enum class StoredType : std::int64_t {
 };
 
 /// Containers nested deeper than this are neither written nor read back.
-inline constexpr int kMaxBlobDepth = 256;
+inline constexpr int kMaxBlobDepth = nesting::kMaxDepth;
 
 /// The self-describing binary form of a value, used for containers (which may hold data
 /// and dates, so JSON would not do). Layout in docs/storage.md. Nothing when the value is

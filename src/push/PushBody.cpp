@@ -69,7 +69,7 @@ void from_json(const ordered_json& j, PushBody& b) {
     b.model = d.decodeIfPresent<std::string>("model");
     b.sdk = d.decodeIfPresent<std::string>("sdk");
     b.lang = d.decodeIfPresent<std::string>("lang");
-    if (auto it = j.find("u"); it != j.end() && !it->is_null()) b.u = it->get<std::map<std::string, std::string>>();
+    b.u = d.decodeIfPresent<std::map<std::string, std::string>>("u");
     b.token = d.decodeIfPresent<std::string>("token");
     b.status = d.decodeIfPresent<bool>("status");
     b.cs = d.decode<CS>("cs");

@@ -1,11 +1,14 @@
 // Arbitrary bytes, read as JSON, through the push payload decoders and JSONAny. A
-// finding is a crash, a sanitizer report, an exception leaving an entry point, or a
-// record that does not survive its own JSON form.
+// finding is a crash, a sanitizer report, an exception leaving an entry point, a record
+// that does not survive its own JSON form, or a converter that disagrees with the nesting
+// bound.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <variant>
 
@@ -15,6 +18,8 @@
 #include <tessrakite/core/JSONAny.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Console.hpp>
+
+#include "platform/Nesting.hpp"
 
 namespace {
 
@@ -57,6 +62,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     auto json = Json::parse(data, data + size, nullptr, /*allow_exceptions=*/false);
     if (json.is_discarded()) return 0;
+    // The parser itself is iterative; everything after it must refuse what the bound refuses.
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    if (!nesting::jsonWithinLimit(text)) {
+        bool refused = false;
+        try {
+            (void)JSONAny::decode(json);
+        } catch (const DecodingError&) {
+            refused = true;
+        }
+        check(refused, "JSONAny refuses what is nested too deep");
+        refused = false;
+        try {
+            (void)PlistValue::fromJSON(json);
+        } catch (const std::invalid_argument&) {
+            refused = true;
+        }
+        check(refused, "PlistValue refuses what is nested too deep");
+        return 0;
+    }
     fuzzJSONAny(json);
 
     auto value = PlistValue::fromJSON(json);
@@ -75,7 +99,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         check(content->notification.empty(), "neither shape gives no messages");
     } else if (const auto* push = std::get_if<PushObj>(&*parsed)) {
         checkRoundTrip(*push, "PushObj survives its own encoding");
-        check(!content->notification.empty(), "a direct push gives messages");
+        // The campaign shape wins in the content: a payload of both shapes shows the
+        // campaign's entries, possibly none.
+        std::optional<PCampaignObject> campaign;
+        try {
+            campaign = value.toJSON().get<PCampaignObject>();
+        } catch (const DecodingError&) {
+        }
+        check(content->notification.size() == (campaign ? campaign->p.size() : 1),
+              "a direct push gives one message unless it is also a campaign");
     } else {
         const auto& campaign = std::get<PCampaignObject>(*parsed);
         checkRoundTrip(campaign, "PCampaignObject survives its own encoding");

@@ -147,6 +147,10 @@ TEST_F(HostSandboxTest, AnswersABadLineWithAnErrorLineAndGoesOn) {
         {R"({"op": "screen", "class": "Home", "event": "sideways", "id": 6})", "screen", 6},
         {R"({"op": "registerToken", "hex": "xyz", "id": 7})", "registerToken", 7},
         {R"({"op": "wait", "seconds": "long", "id": 8})", "wait", 8},
+        // Nested far deeper than any payload: refused as it is read, not converted.
+        {R"({"op": "parsePushObj", "id": 9, "userInfo": {"deep": )" + std::string(30'000, '[') +
+             std::string(30'000, ']') + "}}",
+         nullptr, nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);

@@ -21,31 +21,9 @@ std::string lower(std::string_view text) {
     return out;
 }
 
-// Checked on the text, before parsing: converting a very deep document would exhaust the stack.
-int nestingOf(std::string_view text) {
-    int depth = 0, deepest = 0;
-    bool inString = false, escaped = false;
-    for (char c : text) {
-        if (inString) {
-            if (escaped)
-                escaped = false;
-            else if (c == '\\')
-                escaped = true;
-            else if (c == '"')
-                inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            deepest = std::max(deepest, ++depth);
-        } else if (c == ']' || c == '}') {
-            --depth;
-        }
-    }
-    return deepest;
-}
-
 PlistValue parseContainer(std::string_view type, std::string_view text) {
-    if (nestingOf(text) > kMaxNesting)
+    // Checked on the text, before parsing: converting a very deep document would exhaust the stack.
+    if (!tessrakite::nesting::jsonWithinLimit(text))
         throw BadValue("the value is nested deeper than " + std::to_string(kMaxNesting) + " levels");
     Json json;
     try {

@@ -9,6 +9,8 @@
 
 #include <tessrakite/platform/PlistValue.hpp>
 
+#include "platform/Nesting.hpp"
+
 namespace tessra_defaults {
 
 /// A value on the command line that does not fit its type; the text says why.
@@ -17,7 +19,7 @@ struct BadValue : std::runtime_error {
 };
 
 /// The deepest nesting of arrays and dictionaries that `write` accepts; the store refuses deeper values.
-inline constexpr int kMaxNesting = 256;
+inline constexpr int kMaxNesting = tessrakite::nesting::kMaxDepth;
 
 /// The value that TYPE and TEXT name on a `write` line. TYPE is bool (true/false, yes/no, 1/0),
 /// int, double, string, array or dict (both as JSON). Throws BadValue.

@@ -25,6 +25,8 @@
 #include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushObj.hpp>
 
+#include "platform/Nesting.hpp"
+
 namespace tessra_host {
 
 using namespace tessrakite;
@@ -114,7 +116,8 @@ PlistDictionary dictionaryArg(const Json& args, const char* key) {
     return *PlistValue::fromJSON(v).asDictionary();
 }
 
-Json valueToJson(const PlistValue& value) {
+// `level`: the nesting level `value` has if it is a container, the outermost being 1.
+Json valueToJson(const PlistValue& value, int level = 1) {
     switch (value.type()) {
         case PlistValue::Type::data: {
             std::string hex;
@@ -127,13 +130,15 @@ Json valueToJson(const PlistValue& value) {
         }
         case PlistValue::Type::date: return value.asDate()->secondsSince1970;
         case PlistValue::Type::array: {
+            nesting::check(level);
             Json out = Json::array();
-            for (const auto& v : *value.asArray()) out.push_back(valueToJson(v));
+            for (const auto& v : *value.asArray()) out.push_back(valueToJson(v, level + 1));
             return out;
         }
         case PlistValue::Type::dictionary: {
+            nesting::check(level);
             Json out = Json::object();
-            for (const auto& [k, v] : *value.asDictionary()) out[k] = valueToJson(v);
+            for (const auto& [k, v] : *value.asDictionary()) out[k] = valueToJson(v, level + 1);
             return out;
         }
         default: return value.toJSON();
@@ -403,7 +408,9 @@ bool Host::runLine(const std::string& line) {
     if (first == std::string::npos || line[first] == '#') return running_;
     Json request;
     try {
-        request = Json::parse(line);
+        // Bounded first: everything after the parse (the conversion to property-list values,
+        // the echo of the id, the output) recurses.
+        request = nesting::parseJSON<Json>(line);
     } catch (const std::exception& e) {
         out_.write({{"error", std::string("not JSON: ") + e.what()}, {"op", nullptr}, {"id", nullptr}});
         return running_;

@@ -53,6 +53,14 @@ public:
     PlistValue(PlistArray a) : value_(std::move(a)) {}
     PlistValue(PlistDictionary d) : value_(std::move(d)) {}
 
+    // The destructor takes a tree apart without recursion, so dropping a deeply nested
+    // value (however it was built) cannot exhaust the stack.
+    ~PlistValue();
+    PlistValue(const PlistValue&) = default;
+    PlistValue(PlistValue&&) = default;
+    PlistValue& operator=(const PlistValue&) = default;
+    PlistValue& operator=(PlistValue&&) = default;
+
     Type type() const { return static_cast<Type>(value_.index()); }
     bool isNull() const { return type() == Type::null; }
 
@@ -75,14 +83,17 @@ public:
     /// True for a dictionary whose tree holds only JSON-representable values: no data,
     /// no date, no NaN and no infinity anywhere.
     bool isValidJSONObject() const;
-    /// True when this value and everything below it can be written as JSON.
+    /// True when this value and everything below it can be written as JSON. Only the
+    /// first 256 levels are looked at: deeper trees are refused by toJSON anyway.
     bool isJSONRepresentable() const;
 
-    /// JSON form; data and dates have none and raise std::invalid_argument.
+    /// JSON form; data, dates and containers nested deeper than 256 levels have none and
+    /// raise std::invalid_argument.
     nlohmann::ordered_json toJSON() const;
     /// Serialised JSON bytes (compact); raises std::invalid_argument like toJSON.
     std::string toJSONString() const;
-    /// From JSON: booleans, integers, doubles, strings, null, arrays and objects.
+    /// From JSON: booleans, integers, doubles, strings, null, arrays and objects. Raises
+    /// std::invalid_argument for containers nested deeper than 256 levels.
     static PlistValue fromJSON(const nlohmann::ordered_json& json);
     static PlistValue fromJSON(const nlohmann::json& json);
 

@@ -41,7 +41,9 @@ TEST(JSONAny, ScalarTakesTheFirstTypeThatFitsBooleanIntegerDoubleStringNull) {
         {"9223372036854775807", "int64"},
         {"9223372036854775808", "double"},  // past Int64: only the double step fits
         {"1.5", "double"},
-        {"1e2", "double"},
+        {"3.0", "int64"},  // an integral value: the integer step fits first
+        {"1e2", "int64"},
+        {"1e19", "double"},  // integral but past Int64
         {"true", "bool"},
         {"false", "bool"},
         {"\"1\"", "string"},
@@ -52,6 +54,7 @@ TEST(JSONAny, ScalarTakesTheFirstTypeThatFitsBooleanIntegerDoubleStringNull) {
         EXPECT_STREQ(heldName(JSONAny::decode(Json::parse(c.text))), c.held);
     }
     EXPECT_EQ(*JSONAny::decode(Json::parse("1")).get<std::int64_t>(), 1);
+    EXPECT_EQ(*JSONAny::decode(Json::parse("1e2")).get<std::int64_t>(), 100);
     EXPECT_EQ(*JSONAny::decode(Json::parse("1.5")).get<double>(), 1.5);
     EXPECT_EQ(*JSONAny::decode(Json::parse("true")).get<bool>(), true);
 }

@@ -82,6 +82,28 @@ TEST(ParsePushObj, PrefersTheDirectShapeThenTriesTheCampaignAndPrintsEachFailure
     }
 }
 
+TEST(ParsePushObj, IntegerFieldsTakeNumbersWithAnIntegralValueAndRefuseFractions) {
+    struct Case {
+        const char* el;
+        std::optional<std::int64_t> decoded;  // nothing: the push fails
+    };
+    const std::vector<Case> cases = {{"3", 3}, {"3.0", 3}, {"3e0", 3}, {"-0.0", 0}, {"3.5", std::nullopt}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.el);
+        test::ConsoleCapture console;
+        const auto json = std::string(R"({"aps": {"alert": {"title": "T", "n": {"el": )") + c.el + "}}}}";
+        auto parsed = TessraQuill::parsePushObj(payload(json.c_str()));
+        if (c.decoded) {
+            ASSERT_EQ(shapeOf(parsed), Shape::direct);
+            EXPECT_EQ(std::get<PushObj>(parsed.value()).aps.notificationBody.n->el, c.decoded);
+            EXPECT_EQ(console.lines(), std::vector<std::string>{});
+        } else {
+            EXPECT_EQ(shapeOf(parsed), Shape::none);
+            EXPECT_EQ(console.lines(), (std::vector<std::string>{"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}));
+        }
+    }
+}
+
 TEST(ParsePushObj, PriorityAndMutableContentThatAreNotIntegersArePrintedAndLeftAbsent) {
     struct Case {
         const char* name;

@@ -10,6 +10,7 @@
 #include <tessrakite/location/B.hpp>
 #include <tessrakite/location/Gl.hpp>
 #include <tessrakite/push/MultiMessagePush.hpp>
+#include <tessrakite/push/PushBody.hpp>
 
 namespace tessrakite {
 namespace {
@@ -115,6 +116,9 @@ TEST(PushRecordCoding, MissingRequiredKeyOrWrongTypeFailsWithThePathToIt) {
         {"cl past Int64", R"({"aps":{"alert":{"title":"T","n":{"cl":9223372036854775808}}}})",
          DecodingError::Kind::dataCorrupted,
          "dataCorrupted at aps.alert.n.cl: Parsed JSON number 9223372036854775808 does not fit in Int64."},
+        {"cl integral but past Int64", R"({"aps":{"alert":{"title":"T","n":{"cl":1e19}}}})",
+         DecodingError::Kind::dataCorrupted,
+         "dataCorrupted at aps.alert.n.cl: Parsed JSON number 1e+19 does not fit in Int64."},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -125,6 +129,19 @@ TEST(PushRecordCoding, MissingRequiredKeyOrWrongTypeFailsWithThePathToIt) {
             EXPECT_EQ(e.kind(), c.kind);
             EXPECT_EQ(e.description(), c.description);
         }
+    }
+}
+
+TEST(PushRecordCoding, UserRecordFailsWithTheSDKsOwnDecodingError) {
+    // A user id that is not text: the SDK's error with its path, not the JSON library's.
+    const auto json = Json::parse(R"({"ts_current":1,"app":"a","u":{"user_id":5},"cs":{},"code":200})");
+    try {
+        json.get<PushBody>();
+        ADD_FAILURE() << "decoded";
+    } catch (const DecodingError& e) {
+        EXPECT_EQ(e.description(), "typeMismatch at u.user_id: Expected to decode String but found a number instead.");
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "not a DecodingError: " << e.what();
     }
 }
 
