@@ -494,7 +494,7 @@ struct CurlUrlSession::State {
     }
 
     static void run(std::shared_ptr<State> self) {
-        work(*self);
+        work(self);
         // Last: a waiter may go on (and the process end) as soon as this is set.
         {
             std::lock_guard lock(self->mutex);
