@@ -16,7 +16,9 @@ namespace {
 
 using ThrowFunction = void (*)(void*, std::type_info*, void (*)(void*));
 
-constexpr int kMaxFrames = 128;
+// Every throw in the process pays for this while the logger is registered, and a report
+// shows at most 19 frames: a few more cover the wrappers left out of it.
+constexpr int kMaxFrames = 32;
 
 struct ThrowSite {
     void* object = nullptr;

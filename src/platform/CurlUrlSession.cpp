@@ -408,12 +408,10 @@ struct CurlUrlSession::State {
 
     // Asks the worker to cancel what is in flight and end; synchronous sends are aborted.
     void requestStop() {
-        {
-            std::lock_guard lock(mutex);
-            stopping = true;
-        }
+        std::lock_guard lock(mutex);
+        stopping = true;
         abortSynchronous = true;
-        curl_multi_wakeup(multi);
+        if (multi) curl_multi_wakeup(multi);
     }
 
     // True once the worker has ended (its cancelled tasks completed) and no synchronous
@@ -423,9 +421,19 @@ struct CurlUrlSession::State {
         return stoppedChanged.wait_for(lock, timeout, [&] { return workerExited && synchronousSends == 0; });
     }
 
-    void waitWorkerExited() {
-        std::unique_lock lock(mutex);
-        stoppedChanged.wait(lock, [&] { return workerExited; });
+    // Once the worker has ended and no synchronous send runs: frees the kept-alive
+    // connections and their TLS state while the TLS library is still there.
+    void releaseConnections() {
+        std::lock_guard lock(mutex);
+        std::lock_guard poolLock(poolMutex);
+        cleanup();
+    }
+
+    // Waits for the worker thread to be gone for good (not only done with its work), so
+    // nothing of it is left running when the caller goes on or the process ends.
+    void joinWorker() {
+        std::lock_guard lock(threadMutex);
+        if (worker.joinable() && worker.get_id() != std::this_thread::get_id()) worker.join();
     }
 
     void complete(std::unique_ptr<Transfer> transfer, const UrlResult& result) {
@@ -561,12 +569,16 @@ struct CurlUrlSession::State {
     static thread_local const State* currentWorker;
 
     const pid_t ownerProcess = ::getpid();
+    std::mutex threadMutex;  // guards `worker`: the session's destructor and the exit handler
+    std::thread worker;
     Config config;
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
     std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks;
 
-    std::mutex mutex;  // guards pending, stopping, workerDone, workerExited, synchronousSends
+    // Guards pending, stopping, workerDone, workerExited, synchronousSends, and `multi`
+    // once the worker is done. Taken before poolMutex.
+    std::mutex mutex;
     std::vector<std::unique_ptr<Transfer>> pending;
     bool stopping = false;
     bool workerDone = false;
@@ -606,18 +618,28 @@ std::vector<std::weak_ptr<CurlUrlSession::State>>& liveSessions() {
 void stopSessionsAtExit() {
     std::vector<std::shared_ptr<CurlUrlSession::State>> sessions;
     {
-        std::lock_guard lock(sessionsMutex());
+        // A child forked while another thread held the lock would wait for ever: give up.
+        std::unique_lock lock(sessionsMutex(), std::try_to_lock);
+        for (int tries = 0; !lock.owns_lock() && tries < 100; ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            lock.try_lock();
+        }
+        if (!lock.owns_lock()) return;
         for (auto& weak : liveSessions())
             if (auto state = weak.lock()) sessions.push_back(std::move(state));
     }
     // A forked child has none of its parent's threads: there is no worker to stop.
     std::erase_if(sessions, [](const auto& state) { return state->ownerProcess != ::getpid(); });
     for (auto& state : sessions) state->requestStop();
+    // A completion that blocks must not hang the exit: five seconds for all sessions.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     for (auto& state : sessions) {
         // exit() called from a completion: this thread is the worker, which cannot end here.
         if (state->onWorker()) continue;
-        // A completion that blocks must not hang the exit.
-        state->waitStopped(std::chrono::seconds(5));
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (!state->waitStopped(std::max(left, std::chrono::milliseconds(0)))) continue;
+        state->joinWorker();
+        state->releaseConnections();
     }
 }
 
@@ -626,9 +648,10 @@ void stopSessionsAtExit() {
 CurlUrlSession::CurlUrlSession(UrlSessionOptions options) {
     initializeCurlOnce();
     state_ = std::make_shared<State>(std::move(options));
-    // Detached: the worker is waited for through its state, so that a session that lives
-    // until the process exits (the platform's) leaves no thread to join.
-    std::thread(&State::run, state_).detach();
+    {
+        std::lock_guard lock(state_->threadMutex);
+        state_->worker = std::thread(&State::run, state_);
+    }
     try {
         std::lock_guard lock(sessionsMutex());
         auto& sessions = liveSessions();
@@ -640,9 +663,17 @@ CurlUrlSession::CurlUrlSession(UrlSessionOptions options) {
 }
 
 CurlUrlSession::~CurlUrlSession() {
+    // A forked child has no worker of its parent's to stop or wait for.
+    if (state_->ownerProcess != ::getpid()) return;
     state_->requestStop();
-    // Dropped inside a completion: the worker finishes once that returns.
-    if (!state_->onWorker()) state_->waitWorkerExited();
+    if (state_->onWorker()) {
+        // Dropped inside a completion: the worker finishes once that returns, and owns
+        // the state until then.
+        std::lock_guard lock(state_->threadMutex);
+        state_->worker.detach();
+        return;
+    }
+    state_->joinWorker();
 }
 
 void CurlUrlSession::dataTask(UrlRequest request, Completion completion) {
@@ -655,15 +686,15 @@ void CurlUrlSession::dataTask(UrlRequest request, Completion completion) {
         bool workerGone = false;
         {
             std::lock_guard lock(state_->mutex);
-            if (state_->workerDone)
+            if (state_->workerDone) {
                 workerGone = true;
-            else
+            } else {
                 state_->pending.push_back(std::move(transfer));
+                // Under the lock: once the worker is done, the exit handler may free the handle.
+                curl_multi_wakeup(state_->multi);
+            }
         }
-        if (workerGone)
-            state_->complete(std::move(transfer), cancelledResult());
-        else
-            curl_multi_wakeup(state_->multi);
+        if (workerGone) state_->complete(std::move(transfer), cancelledResult());
     } catch (...) {
         if (counted) state_->taskFinished();
     }

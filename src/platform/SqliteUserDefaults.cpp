@@ -355,13 +355,17 @@ struct SqliteUserDefaults::Impl {
             why = check;
             return Opened::corrupt;
         }
-        // A table of another shape (an older or newer build, another tool) is not ours to
-        // read or write: the store would fail on every start.
-        std::string columns;
-        if ((rc = queryText("SELECT group_concat(name, ',') FROM pragma_table_info('defaults')", columns)) !=
-            SQLITE_OK)
+        // A table without our columns (an older layout, another tool) is not ours to read or
+        // write: the store would fail on every start. Extra columns, as a later build might
+        // add, are left alone.
+        std::string found;
+        if ((rc = queryText("SELECT count(*) FROM pragma_table_info('defaults') "
+                            "WHERE name IN ('key', 'type', 'value')",
+                            found)) != SQLITE_OK)
             return classify(rc, why);
-        if (columns != "key,type,value") {
+        if (found != "3") {
+            std::string columns;
+            queryText("SELECT group_concat(name, ',') FROM pragma_table_info('defaults')", columns);
             why = "its table \"defaults\" has the columns (" + columns + "), not (key,type,value)";
             return Opened::corrupt;
         }

@@ -24,8 +24,12 @@ class InstantSession final : public platform::UrlSession {
 public:
     explicit InstantSession(std::string document) : document_(std::move(document)) {}
     ~InstantSession() override {
-        std::lock_guard lock(mutex_);
-        for (auto& t : threads_) t.join();
+        std::vector<std::thread> threads;
+        {
+            std::lock_guard lock(mutex_);
+            threads.swap(threads_);
+        }
+        for (auto& t : threads) t.join();
     }
     void dataTask(platform::UrlRequest request, Completion completion) override {
         ++inFlight_;
@@ -41,7 +45,12 @@ public:
     }
     platform::UrlResult sendSynchronous(const platform::UrlRequest&) override { return {}; }
     std::size_t inFlight() const override { return inFlight_; }
-    bool waitIdle(double) override { return inFlight_ == 0; }
+    bool waitIdle(double seconds) override {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        while (inFlight_ > 0 && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return inFlight_ == 0;
+    }
 
 private:
     const std::string document_;
