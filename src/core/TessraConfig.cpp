@@ -20,20 +20,19 @@ TessraConfig::TessraConfig(std::string apiKey, std::optional<bool> crash, bool a
 }
 
 void TessraConfig::persistSwitches() {
-    auto& defaults = *storeManager.defaultStorage;
-    // Order matters to readers in other processes only in that each write is its own
-    // commit; keep the documented order anyway.
-    auto write = [&](StorageKey key, bool value) {
-        defaults.set(rawValue(key), PlistValue(value));
-        defaults.synchronize();
-    };
-    if (_crash) write(StorageKey::crash, *_crash);
-    write(StorageKey::analytics, _analytics);
-    if (_push) write(StorageKey::push, *_push);
-    if (_geofence) write(StorageKey::geofence, *_geofence);
-    if (_beacon) write(StorageKey::beacon, *_beacon);
-    if (_custom) write(StorageKey::custom, *_custom);
-    if (_location) write(StorageKey::location, *_location);
+    // One transaction for all of them: one commit, and an extension reading the switches
+    // never sees half of a configuration.
+    storeManager.defaultStorage->update({}, [this](platform::UserDefaults::Values& values) {
+        auto write = [&](StorageKey key, bool value) { values.insert_or_assign(std::string(rawValue(key)), PlistValue(value)); };
+        if (_crash) write(StorageKey::crash, *_crash);
+        write(StorageKey::analytics, _analytics);
+        if (_push) write(StorageKey::push, *_push);
+        if (_geofence) write(StorageKey::geofence, *_geofence);
+        if (_beacon) write(StorageKey::beacon, *_beacon);
+        if (_custom) write(StorageKey::custom, *_custom);
+        if (_location) write(StorageKey::location, *_location);
+    });
+    storeManager.defaultStorage->synchronize();
 }
 
 void TessraConfig::enableServices() { persistSwitches(); }

@@ -104,29 +104,38 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
             return;
         }
         StorageManager storage;
-        auto& defaults = *storage.defaultStorage;
         const std::string text = result.data ? std::string(result.data->begin(), result.data->end()) : "";
-        defaults.set(rawValue(StorageKey::autoconf), PlistValue(text));
-        defaults.set(rawValue(StorageKey::lastModified),
-                     PlistValue(httpDate(platform::currentPlatform()->clock->now())));
         Config document;
+        std::optional<std::string> decodingError;
         try {
             document = nesting::parseJSON<ordered_json>(text).get<Config>();
         } catch (const std::exception& e) {
-            Console::print("Error took place ", e.what());
+            decodingError = e.what();
+        }
+        // The document as received, its date, and the endpoints and consent it brings are one
+        // store transaction: one commit before start-up goes on, and no process sees half.
+        std::vector<std::pair<StorageKey, PlistValue>> writes = {
+            {StorageKey::autoconf, PlistValue(text)},
+            {StorageKey::lastModified, PlistValue(httpDate(platform::currentPlatform()->clock->now()))}};
+        if (!decodingError) {
+            if (document.url) {
+                auto store = [&](const std::optional<std::string>& value, StorageKey key) {
+                    if (value && !value->empty()) writes.emplace_back(key, PlistValue(*value));
+                };
+                store(document.url->user, StorageKey::userUrl);
+                store(document.url->crash, StorageKey::crashUrl);
+                store(document.url->activity, StorageKey::activityUrl);
+            }
+            if (document.consent) writes.emplace_back(StorageKey::consent, PlistValue(*document.consent));
+        }
+        storage.defaultStorage->update({}, [&](platform::UserDefaults::Values& values) {
+            for (const auto& [key, value] : writes) values.insert_or_assign(std::string(rawValue(key)), value);
+        });
+        if (decodingError) {
+            Console::print("Error took place ", *decodingError);
             completion(nullptr);
             return;
         }
-        if (document.url) {
-            auto store = [&](const std::optional<std::string>& value, StorageKey key) {
-                if (value && !value->empty()) defaults.set(rawValue(key), PlistValue(*value));
-            };
-            store(document.url->user, StorageKey::userUrl);
-            store(document.url->crash, StorageKey::crashUrl);
-            store(document.url->activity, StorageKey::activityUrl);
-        }
-        if (document.consent) defaults.set(rawValue(StorageKey::consent), PlistValue(*document.consent));
-        defaults.synchronize();
 
         // A switch the document does not carry keeps its stored value, and a reminder the
         // host asked for stays scheduled: the builder would otherwise reset both.
