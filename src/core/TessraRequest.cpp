@@ -39,7 +39,8 @@ void send(UrlRequest request, platform::UrlSession::Completion completion) {
 std::string percentEncodedPathSegment(std::string_view text) {
     static constexpr char hex[] = "0123456789ABCDEF";
     std::string out;
-    for (unsigned char c : text) {
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
         if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
             c == '_' || c == '~') {
             out += static_cast<char>(c);
