@@ -191,21 +191,14 @@ void TessraQuill::clearInstallationData() {
 }
 
 void TessraQuill::updateScheduler() {
-    auto interval = storageManager().getScheduledTime();
-    if (!interval) return;
-    cancelScheduledNotifications();
-    // Creating the reminder belongs to the reminders subsystem; until then there is
-    // nothing to schedule it with.
-}
-
-void TessraQuill::cancelScheduledNotifications() {
-    auto& storage = storageManager();
-    auto id = storage.getScheduledId();
-    if (!id) return;
-    auto center = platform::currentPlatform()->userNotificationCenter;
-    center->removePendingNotificationRequests({*id});
-    center->removeDeliveredNotifications({*id});
-    storage.defaultStorage->removeObject(rawValue(StorageKey::schId));
+    try {
+        auto interval = storageManager().getScheduledTime();
+        if (!interval) return;
+        cancelScheduledNotifications();
+        createScheduledNotification(*interval);
+    } catch (const std::exception& e) {
+        Console::print(std::string("updateScheduler failed: ") + e.what());
+    }
 }
 
 std::shared_ptr<TessraQuillDelegate> TessraQuill::tessraDelegate() {

@@ -593,6 +593,40 @@ void Host::registerOperations() {
     };
 
     // ---- Notifications (platform answers) ----
+    // ---- Reminders and the notification centre ----
+    ops["createScheduledNotification"] = [](const Json& a) {
+        TessraQuill::createScheduledNotification(numberArg(a, "delay"));
+        return Json(nullptr);
+    };
+    ops["cancelScheduledNotifications"] = [](const Json&) {
+        TessraQuill::cancelScheduledNotifications();
+        return Json(nullptr);
+    };
+    ops["setNotification"] = [](const Json& a) {
+        TessraQuill::setNotification(stringArg(a, "text"));
+        return Json(nullptr);
+    };
+    ops["notifications.pending"] = [this](const Json&) {
+        Json list = Json::array();
+        for (const auto& request : headless_.userNotificationCenter->pending()) {
+            Json trigger = nullptr;
+            if (request.trigger)
+                trigger = {{"interval", request.trigger->timeInterval}, {"repeats", request.trigger->repeats}};
+            list.push_back({{"identifier", request.identifier},
+                            {"content", platform::headless::HeadlessUserNotificationCenter::toJSON(request.content)},
+                            {"trigger", trigger}});
+        }
+        return list;
+    };
+    ops["notifications.delivered"] = [this](const Json&) {
+        Json list = Json::array();
+        for (const auto& notification : headless_.userNotificationCenter->delivered())
+            list.push_back(
+                {{"identifier", notification.request.identifier},
+                 {"date", notification.date},
+                 {"content", platform::headless::HeadlessUserNotificationCenter::toJSON(notification.request.content)}});
+        return list;
+    };
     ops["authorization"] = [this](const Json& a) {
         static const std::map<std::string, platform::UNAuthorizationStatus> statuses = {
             {"notDetermined", platform::UNAuthorizationStatus::notDetermined},

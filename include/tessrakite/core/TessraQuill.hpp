@@ -39,7 +39,8 @@ public:
                                          std::optional<platform::UrlError>)>;
 
     // ---- Start-up ----
-    /// Starts the SDK: call once, early, on the main thread. Returns at once; the
+    /// Starts the SDK: call once, early, on the main thread. Writes this launch's session
+    /// (and on a first start the default endpoints) in one store commit and returns; the
     /// configuration document is fetched in the background.
     static void initialize(std::shared_ptr<TessraConfig> config);
     static void clearInstallationData();
@@ -89,7 +90,13 @@ public:
     static void tessraSendUser(const std::string& token);
 
     // ---- Reminders ----
+    /// Schedules the repeating reminder every `delay` seconds (at least 60), replacing the
+    /// one before; nothing but a console line while push is off.
+    static void createScheduledNotification(double delay);
+    /// Removes the scheduled reminder, pending and delivered; nothing when none is stored.
     static void cancelScheduledNotifications();
+    /// The reminder's title from the next scheduling on.
+    static void setNotification(const std::string& text);
 
     // Push payloads (declared here by the push records work).
 
