@@ -219,6 +219,31 @@ void TessraRequest::sendTessraPushData(const PushBody& body, PushDataCompletion 
     });
 }
 
+void TessraRequest::campaignGet(const std::string& e, CampaignCompletion completion) {
+    auto request = requestFor(e + "&ver=2.0");
+    if (!request) return;
+    // The shared session stays: invalidating it, as a one-off session would be, would end
+    // every other request of the process.
+    request->timeoutInterval = 10;
+    send(std::move(*request), [completion](const UrlResult& result) {
+        std::optional<PCampaignObject> campaign;
+        if (result.error || !result.response) {
+            Console::print("Error took place ", result.error ? errorText(*result.error) : std::string("no answer"));
+        } else if (result.response->statusCode >= 300) {
+            Console::print("Error took place ", "the campaign endpoint answered " +
+                                                    std::to_string(result.response->statusCode));
+        } else {
+            try {
+                const std::string text = result.data ? std::string(result.data->begin(), result.data->end()) : "";
+                campaign = nesting::parseJSON<ordered_json>(text).get<PCampaignObject>();
+            } catch (const std::exception& error) {
+                Console::print("Error took place ", error.what());
+            }
+        }
+        if (completion) completion(std::move(campaign));
+    });
+}
+
 void TessraRequest::viewTrack(const std::string& url) {
     auto request = requestFor(url);
     if (!request) return;

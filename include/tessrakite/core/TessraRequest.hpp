@@ -9,6 +9,7 @@
 #include <tessrakite/core/ActivityBody.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
+#include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushBody.hpp>
 #include <tessrakite/platform/UrlSession.hpp>
 
@@ -33,6 +34,12 @@ public:
     using PushDataCompletion = std::function<void(bool success, const std::optional<platform::HttpResponse>&,
                                                   const std::optional<platform::UrlError>&)>;
     void sendTessraPushData(const PushBody& body, PushDataCompletion completion);
+    /// GETs a campaign from `e` + "&ver=2.0" (10-second timeout). The completion gets the
+    /// campaign, or nothing after a transport error, a status of 300 or more, or an answer
+    /// that does not decode (each with an "Error took place " line). An endpoint that does
+    /// not form a URL sends nothing and calls nothing.
+    using CampaignCompletion = std::function<void(std::optional<PCampaignObject>)>;
+    void campaignGet(const std::string& e, CampaignCompletion completion);
     /// Fire-and-forget GET.
     void viewTrack(const std::string& url);
     /// Lowers the counter by one, never below 1.
