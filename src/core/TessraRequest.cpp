@@ -36,23 +36,6 @@ void send(UrlRequest request, platform::UrlSession::Completion completion) {
     session->dataTask(std::move(request), std::move(completion));
 }
 
-std::string percentEncodedPathSegment(std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-            c == '_' || c == '~') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0xF];
-        }
-    }
-    return out;
-}
-
 std::string errorText(const platform::UrlError& error) { return error.localizedDescription(); }
 
 void printBody(const UrlResult& result) {
@@ -85,7 +68,7 @@ void TessraRequest::getConfig(const std::string& apiKey, ConfigCompletion comple
     if (!Url::parse(base)) fatalError("The configuration base URL \"" + base + "\" (\"tx_config_url\") is not a valid URL");
     // A key is one path segment whatever it holds (a blank, "#", a newline left by an
     // Info.plist editor): it is sent percent-encoded.
-    auto request = requestFor(base + "/" + percentEncodedPathSegment(apiKey) + ".json");
+    auto request = requestFor(base + "/" + Url::percentEncoded(apiKey) + ".json");
     if (!request) {
         Console::print("Error took place ", "the configuration URL cannot be formed from \"" + base + "\"");
         completion(nullptr);

@@ -16,6 +16,15 @@ std::optional<std::string> part(CURLU* u, CURLUPart which) {
 }
 }  // namespace
 
+std::string Url::percentEncoded(std::string_view text) {
+    if (text.empty()) return {};
+    char* escaped = curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()));
+    if (!escaped) return {};
+    std::string out(escaped);
+    curl_free(escaped);
+    return out;
+}
+
 std::optional<Url> Url::parse(std::string_view text) {
     if (text.empty()) return std::nullopt;
     CURLU* u = curl_url();

@@ -60,19 +60,6 @@ std::optional<PlistDictionary> UserDefaults::dictionary(std::string_view key) {
     return std::move(*v->asDictionary());
 }
 
-void UserDefaults::update(const std::vector<std::string>& keys, const BatchUpdater& fn) {
-    if (!fn) return;
-    Values values;
-    for (const auto& key : keys) values.insert_or_assign(key, object(key));
-    fn(values);
-    for (const auto& [key, value] : values) {
-        if (value && !value->isNull())
-            set(key, *value);
-        else
-            removeObject(key);
-    }
-}
-
 // ---- one store per database file and process ----
 
 namespace {

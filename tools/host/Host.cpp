@@ -606,25 +606,21 @@ void Host::registerOperations() {
         TessraQuill::setNotification(stringArg(a, "text"));
         return Json(nullptr);
     };
+    using Centre = platform::headless::HeadlessUserNotificationCenter;
     ops["notifications.pending"] = [this](const Json&) {
         Json list = Json::array();
-        for (const auto& request : headless_.userNotificationCenter->pending()) {
-            Json trigger = nullptr;
-            if (request.trigger)
-                trigger = {{"interval", request.trigger->timeInterval}, {"repeats", request.trigger->repeats}};
+        for (const auto& request : headless_.userNotificationCenter->pending())
             list.push_back({{"identifier", request.identifier},
-                            {"content", platform::headless::HeadlessUserNotificationCenter::toJSON(request.content)},
-                            {"trigger", trigger}});
-        }
+                            {"content", Centre::toJSON(request.content)},
+                            {"trigger", Centre::toJSON(request.trigger)}});
         return list;
     };
     ops["notifications.delivered"] = [this](const Json&) {
         Json list = Json::array();
         for (const auto& notification : headless_.userNotificationCenter->delivered())
-            list.push_back(
-                {{"identifier", notification.request.identifier},
-                 {"date", notification.date},
-                 {"content", platform::headless::HeadlessUserNotificationCenter::toJSON(notification.request.content)}});
+            list.push_back({{"identifier", notification.request.identifier},
+                            {"date", notification.date},
+                            {"content", Centre::toJSON(notification.request.content)}});
         return list;
     };
     ops["authorization"] = [this](const Json& a) {

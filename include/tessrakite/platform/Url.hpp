@@ -13,6 +13,9 @@ namespace tessrakite {
 class TESSRA_EXPORT Url {
 public:
     static std::optional<Url> parse(std::string_view text);
+    /// `text` with every byte but letters, digits and "-._~" percent-encoded: fit for one
+    /// path segment or query value.
+    static std::string percentEncoded(std::string_view text);
 
     const std::string& absoluteString() const { return text_; }
     std::string scheme() const { return scheme_; }

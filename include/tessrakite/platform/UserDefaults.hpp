@@ -31,10 +31,9 @@ public:
     /// Several keys in one transaction: `fn` gets the current value of each of `keys`
     /// (nothing when missing) and may change, add or erase entries; every key left in the
     /// map is then written (nothing removes it). Other processes see all of it or none.
-    /// The base version reads and writes key by key, without that guarantee.
     using Values = std::map<std::string, std::optional<PlistValue>, std::less<>>;
     using BatchUpdater = std::function<void(Values&)>;
-    virtual void update(const std::vector<std::string>& keys, const BatchUpdater& fn);
+    virtual void update(const std::vector<std::string>& keys, const BatchUpdater& fn) = 0;
     virtual PlistDictionary dictionaryRepresentation() = 0;
     /// Writes are already durable; kept for callers written against the platform store.
     virtual bool synchronize() { return true; }

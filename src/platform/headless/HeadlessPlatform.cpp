@@ -215,6 +215,11 @@ void HeadlessUserNotificationCenter::getNotificationSettings(std::function<void(
     if (completion) runLoop_->async([completion, settings] { completion(settings); });
 }
 
+ordered_json HeadlessUserNotificationCenter::toJSON(const std::optional<UNTimeIntervalNotificationTrigger>& trigger) {
+    if (!trigger) return nullptr;
+    return {{"interval", trigger->timeInterval}, {"repeats", trigger->repeats}};
+}
+
 ordered_json HeadlessUserNotificationCenter::toJSON(const UNNotificationContent& content) {
     ordered_json attachments = ordered_json::array();
     for (const auto& a : content.attachments) attachments.push_back({{"identifier", a.identifier}, {"url", a.url}});
@@ -236,11 +241,9 @@ ordered_json HeadlessUserNotificationCenter::toJSON(const UNNotificationContent&
 
 void HeadlessUserNotificationCenter::add(UNNotificationRequest request,
                                          std::function<void(std::optional<std::string>)> completion) {
-    ordered_json trigger = nullptr;
-    if (request.trigger)
-        trigger = {{"interval", request.trigger->timeInterval}, {"repeats", request.trigger->repeats}};
-    effects_->emit("notificationAdded",
-                   {{"identifier", request.identifier}, {"content", toJSON(request.content)}, {"trigger", trigger}});
+    effects_->emit("notificationAdded", {{"identifier", request.identifier},
+                                         {"content", toJSON(request.content)},
+                                         {"trigger", toJSON(request.trigger)}});
     std::optional<double> delay;
     std::uint64_t generation = 0;
     std::string identifier = request.identifier;

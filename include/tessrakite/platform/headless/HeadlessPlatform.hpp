@@ -119,6 +119,8 @@ public:
     std::optional<unsigned> lastAuthorizationOptions() const;
 
     static nlohmann::ordered_json toJSON(const UNNotificationContent& content);
+    /// {"interval", "repeats"}, or null for a request delivered at once.
+    static nlohmann::ordered_json toJSON(const std::optional<UNTimeIntervalNotificationTrigger>& trigger);
 
 private:
     void deliver(const std::string& identifier, std::uint64_t generation);
