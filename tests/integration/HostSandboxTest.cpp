@@ -1,12 +1,18 @@
-// tessra-host against tessra-sandbox, each its own process, the way the demo runs them.
+// tessra-sandbox, and tessra-host against it, each its own process, the way scripts and
+// the demo run them.
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,28 +26,184 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using tessrakite::test::Answer;
 using tessrakite::test::binary;
 using tessrakite::test::ChildProcess;
+using tessrakite::test::FakeBackend;
 using tessrakite::test::Sandbox;
 using tessrakite::test::TempFolder;
 using namespace std::chrono_literals;
 
-/// Runs tessra-host on a script with a fresh TESSRA_HOME; its output lines, parsed.
-std::vector<json> runHost(const std::vector<std::string>& script, std::map<std::string, std::string> environment = {}) {
-    TempFolder home;
-    environment["TESSRA_HOME"] = home.path().string();
-    ChildProcess host(binary("tessra-host"), {}, environment);
-    std::string input;
-    for (const auto& line : script) input += line + "\n";
-    host.write(input);
+int statusOf(const httplib::Result& result) { return result ? result->status : -1; }
+
+class SandboxTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!fs::exists(binary("tessra-sandbox")))
+            GTEST_SKIP() << "tessra-sandbox is not built (tools disabled)";
+        start();
+    }
+    void start() {
+        sandbox_ = std::make_unique<Sandbox>();
+        ASSERT_TRUE(sandbox_->ready());
+        https_ = std::make_unique<httplib::SSLClient>("127.0.0.1", sandbox_->port("TESSRA_TRACKING_HOST"));
+        https_->set_ca_cert_path(sandbox_->exported("TESSRA_CA_BUNDLE").c_str());
+        https_->enable_server_certificate_verification(true);
+        http_ = std::make_unique<httplib::Client>("127.0.0.1", sandbox_->port("TESSRA_AD_HOST"));
+        https_->set_read_timeout(20);
+        http_->set_read_timeout(20);
+    }
+    httplib::Result activity(const std::string& body = "{}") {
+        return https_->Post("/v2/activity?type=mobile", body, "application/json");
+    }
+    json requests(const std::string& path) {
+        auto result = https_->Get("/_sandbox/requests?path=" + path);
+        return result && result->status == 200 ? json::parse(result->body) : json();
+    }
+
+    std::unique_ptr<Sandbox> sandbox_;
+    std::unique_ptr<httplib::SSLClient> https_;
+    std::unique_ptr<httplib::Client> http_;
+};
+
+TEST_F(SandboxTest, AnnouncesItsHostsAndServesTheConfigurationDocumentThen304) {
+    const std::string https = sandbox_->exported("TESSRA_TRACKING_HOST");
+    const std::string http = sandbox_->exported("TESSRA_AD_HOST");
+    EXPECT_NE(https, http);
+    EXPECT_EQ(sandbox_->exported("TESSRA_CDN_HOST"), https);
+    EXPECT_EQ(sandbox_->exported("TESSRA_WEB_HOST"), https);
+    EXPECT_EQ(sandbox_->exported("TESSRA_CRASH_HOST"), http);
+
+    auto first = https_->Get("/tag/app-key.json");
+    ASSERT_EQ(statusOf(first), 200);
+    EXPECT_EQ(json::parse(first->body)["consent"], true);
+    const std::string lastModified = first->get_header_value("Last-Modified");
+    ASSERT_FALSE(lastModified.empty());
+    auto again = https_->Get("/tag/app-key.json", {{"If-Modified-Since", lastModified}});
+    EXPECT_EQ(statusOf(again), 304);
+    EXPECT_TRUE(again->body.empty());
+}
+
+TEST_F(SandboxTest, AnswersActivityPostsWith201AndListsThem) {
+    ASSERT_EQ(statusOf(activity(R"({"code":1})")), 201);
+    const json listed = requests("/v2/activity");
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0]["method"], "POST");
+    EXPECT_EQ(listed[0]["query"], "type=mobile");
+    EXPECT_EQ(listed[0]["body"], R"({"code":1})");
+    EXPECT_EQ(listed[0]["status"], 201);
+    // Also printed on stdout, one JSON line per request.
+    EXPECT_TRUE(sandbox_->process().waitForLine(
+        [](const std::string& line) {
+            const json printed = json::parse(line, nullptr, false);
+            return printed.is_object() && printed.value("path", "") == "/v2/activity";
+        },
+        10s));
+    EXPECT_EQ(statusOf(http_->Delete("/_sandbox/requests")), 200);
+    EXPECT_EQ(requests(""), json::array());
+}
+
+TEST_F(SandboxTest, ScriptedFaultsHitTheNextRequestOnly) {
+    struct Case {
+        const char* fault;
+        std::function<httplib::Result()> send;
+        int faultStatus;  // -1: the connection breaks
+        int healthyStatus;
+    };
+    const std::vector<Case> cases = {
+        {R"({"route": "/v2/activity", "count": 1, "status": 500})", [&] { return activity(); }, 500, 201},
+        {R"({"route": "/v2/users", "drop": true})",
+         [&] { return https_->Post("/v2/users?type=mobile", "{}", "application/json"); }, -1, 201},
+        {R"({"route": "/tag/", "truncate": true})", [&] { return https_->Get("/tag/app-key.json"); }, -1, 200},
+        {R"({"route": "/v1/display/", "drop": true})", [&] { return http_->Get("/v1/display/track"); }, -1, 200},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fault);
+        ASSERT_EQ(statusOf(https_->Post("/_sandbox/fault", c.fault, "application/json")), 201);
+        EXPECT_EQ(statusOf(c.send()), c.faultStatus);
+        EXPECT_EQ(statusOf(c.send()), c.healthyStatus);
+    }
+    const json faulted = requests("/v2/activity");
+    ASSERT_EQ(faulted.size(), 2u);
+    EXPECT_EQ(faulted[0]["fault"]["status"], 500);
+    EXPECT_FALSE(faulted[1].contains("fault"));
+
+    for (const char* bad : {"not json", R"({"route": "v2", "status": 500})", R"({"route": "/v2", "stauts": 500})"}) {
+        SCOPED_TRACE(bad);
+        auto answer = http_->Post("/_sandbox/fault", bad, "application/json");
+        ASSERT_EQ(statusOf(answer), 400);
+        EXPECT_TRUE(json::parse(answer->body).contains("error"));
+    }
+}
+
+TEST_F(SandboxTest, HttpSideServesAdFeedImagesTrackersAndCrashUploads) {
+    auto feed = http_->Get("/v1/display/track-id?page=demo&out=json");
+    ASSERT_EQ(statusOf(feed), 200);
+    const json md = json::parse(feed->body)["items"][0]["md"];
+    EXPECT_EQ(md["img"].get<std::string>().rfind("http://" + sandbox_->exported("TESSRA_AD_HOST") + "/img/", 0), 0u);
+    auto png = http_->Get("/img/ad.png");
+    ASSERT_EQ(statusOf(png), 200);
+    EXPECT_EQ(png->get_header_value("Content-Type"), "image/png");
+    EXPECT_EQ(statusOf(http_->Get("/t/impression?l2=sandbox-1")), 204);
+    EXPECT_EQ(statusOf(http_->Post("/post.php?ver=1.0&code=11", "stack=eA==", "application/x-www-form-urlencoded")),
+              200);
+    EXPECT_EQ(statusOf(http_->Get("/v2/activity")), 404);  // HTTPS-only route
+}
+
+TEST_F(SandboxTest, StopsCleanlyOnSigtermAndSigintKeepingItsLog) {
+    for (int signal : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(signal);
+        if (signal != SIGTERM) start();
+        ASSERT_EQ(statusOf(activity()), 201);
+        EXPECT_EQ(sandbox_->process().stop(signal, 30s), 0);
+        std::ifstream log(sandbox_->state() / "requests.jsonl");
+        EXPECT_EQ(std::count(std::istreambuf_iterator<char>(log), {}, '\n'), 1);
+    }
+}
+
+TEST_F(SandboxTest, RefusesBadArgumentsAndATakenPort) {
+    Sandbox bogus({"--bogus"});
+    EXPECT_FALSE(bogus.ready());
+    EXPECT_EQ(bogus.process().wait(30s), 2);
+    Sandbox second({"--https-port", std::to_string(sandbox_->port("TESSRA_TRACKING_HOST"))});
+    EXPECT_FALSE(second.ready());
+    EXPECT_EQ(second.process().wait(30s), 1);
+}
+
+// ---- tessra-host against the sandbox ---------------------------------------------
+
+/// Writes the script's lines to the host, then closes its input.
+void feed(ChildProcess& host, const std::vector<std::string>& script) {
+    for (const auto& line : script) host.write(line + "\n");
     host.closeInput();
-    EXPECT_EQ(host.wait(60s), 0) << "tessra-host did not exit cleanly";
+}
+
+/// The host's output lines, parsed; each must be JSON.
+std::vector<json> outputOf(const ChildProcess& host) {
     std::vector<json> lines;
     for (const auto& line : host.lines()) {
         lines.push_back(json::parse(line, nullptr, false));
         EXPECT_FALSE(lines.back().is_discarded()) << "not a JSON line: " << line;
     }
     return lines;
+}
+
+/// Runs tessra-host on a script (with a fresh TESSRA_HOME unless given one); its output lines, parsed.
+std::vector<json> runHost(const std::vector<std::string>& script, std::map<std::string, std::string> environment = {}) {
+    TempFolder home;
+    environment.try_emplace("TESSRA_HOME", home.path().string());
+    ChildProcess host(binary("tessra-host"), {}, environment);
+    feed(host, script);
+    EXPECT_EQ(host.wait(60s), 0) << "tessra-host did not exit cleanly";
+    return outputOf(host);
+}
+
+/// The requests the sandbox logged, in order.
+std::vector<json> loggedRequests(const Sandbox& sandbox) {
+    std::vector<json> requests;
+    std::ifstream log(sandbox.state() / "requests.jsonl");
+    for (std::string line; std::getline(log, line);) requests.push_back(json::parse(line, nullptr, false));
+    return requests;
 }
 
 /// Index of the first line at or after `from` that holds all of `wanted`'s members, or (given a
@@ -89,9 +251,7 @@ TEST_F(HostSandboxTest, FirstStartFetchesTheDocumentThenReportsTheInstallThenThe
 
     // The sandbox: the configuration document, then the installation (200), then the open (205).
     std::vector<std::string> seen;
-    std::ifstream log(sandbox.state() / "requests.jsonl");
-    for (std::string line; std::getline(log, line);) {
-        const json request = json::parse(line, nullptr, false);
+    for (const json& request : loggedRequests(sandbox)) {
         ASSERT_TRUE(request.is_object());
         std::string text = request.value("method", "") + " " + request.value("path", "") + " " +
                            std::to_string(request.value("status", 0));
@@ -121,11 +281,8 @@ TEST_F(HostSandboxTest, TokenRegistrationReachesTheUserEndpointAndTheDelegate) {
     EXPECT_GT(indexOf(lines, {{"delegate", "tessraInited"}, {"args", {{"inited", true}}}}, registered + 1), registered);
 
     std::vector<json> users;
-    std::ifstream log(sandbox.state() / "requests.jsonl");
-    for (std::string line; std::getline(log, line);) {
-        const json request = json::parse(line, nullptr, false);
+    for (const json& request : loggedRequests(sandbox))
         if (request.is_object() && request.value("path", "") == "/v2/users") users.push_back(request);
-    }
     ASSERT_EQ(users.size(), 1u);
     EXPECT_EQ(users[0].value("status", 0), 201);
     EXPECT_EQ(json::parse(users[0].value("body", "{}")).value("token", ""), "00ab10");
@@ -144,9 +301,7 @@ TEST_F(HostSandboxTest, AnswersABadLineWithAnErrorLineAndGoesOn) {
         {"[1, 2]", nullptr, nullptr},
         {R"({"id": 4, "no": "op"})", nullptr, 4},
         {R"({"op": "noSuchOperation", "id": "x"})", "noSuchOperation", "x"},
-        {R"({"op": "screen", "class": "Home", "event": "sideways", "id": 6})", "screen", 6},
         {R"({"op": "registerToken", "hex": "xyz", "id": 7})", "registerToken", 7},
-        {R"({"op": "wait", "seconds": "long", "id": 8})", "wait", 8},
         // Nested far deeper than any payload: refused as it is read, not converted.
         {R"({"op": "parsePushObj", "id": 9, "userInfo": {"deep": )" + std::string(30'000, '[') +
              std::string(30'000, ']') + "}}",
@@ -165,34 +320,26 @@ TEST_F(HostSandboxTest, AnswersABadLineWithAnErrorLineAndGoesOn) {
 
 TEST_F(HostSandboxTest, AHostQuittingWithRequestsInFlightExitsCleanly) {
     // A slow backend holds the custom event and the user record until after the app quit.
-    tessrakite::test::FakeBackend backend;
-    backend.on("GET", "/tag/demo-key.json", tessrakite::test::Answer::json(R"({"analytics": true})"));
-    backend.onSequence("POST", "/v2/activity",
-                       {tessrakite::test::Answer::json("{}", 201), tessrakite::test::Answer::json("{}", 201)});
-    backend.on("POST", "/v2/activity", tessrakite::test::Answer::json("{}", 201).after(30s));
-    backend.on("POST", "/v2/users", tessrakite::test::Answer::json("{}", 201).after(30s));
+    FakeBackend backend;
+    backend.on("GET", "/tag/demo-key.json", Answer::json(R"({"analytics": true})"));
+    backend.onSequence("POST", "/v2/activity", {Answer::json("{}", 201), Answer::json("{}", 201)});
+    backend.on("POST", "/v2/activity", Answer::json("{}", 201).after(30s));
+    backend.on("POST", "/v2/users", Answer::json("{}", 201).after(30s));
     TempFolder home;
     ChildProcess host(binary("tessra-host"), {},
                       {{"TESSRA_HOME", home.path().string()},
                        {"TESSRA_TRACKING_HOST", backend.httpsHost()},
                        {"TESSRA_CDN_HOST", backend.httpsHost()},
                        {"TESSRA_CA_BUNDLE", tessrakite::test::testCaFile()}});
-    host.write(R"({"op":"build","push":true,"analytics":true})"
-               "\n"
-               R"({"op":"initialize"})"
-               "\n"
-               R"({"op":"sendCustomEvent","key":"quit","value":1,"pump":false})"
-               "\n"
-               R"({"op":"registerToken","hex":"00ab10","pump":false})"
-               "\n");
+    for (const char* line : {R"({"op":"build","push":true,"analytics":true})", R"({"op":"initialize"})",
+                             R"({"op":"sendCustomEvent","key":"quit","value":1,"pump":false})",
+                             R"({"op":"registerToken","hex":"00ab10","pump":false})"})
+        host.write(std::string(line) + "\n");
     ASSERT_TRUE(backend.waitForRequests(5));  // document, install, open, event, user record
     ASSERT_EQ(backend.requestsTo("/v2/users").size(), 1u);
-    host.write(R"({"op":"exit"})"
-               "\n");
-    host.closeInput();
+    feed(host, {R"({"op":"exit"})"});
     EXPECT_EQ(host.wait(30s), 0) << "the host died at exit";
-    for (const auto& line : host.lines())
-        EXPECT_FALSE(json::parse(line, nullptr, false).is_discarded()) << "not a JSON line: " << line;
+    outputOf(host);
 }
 
 TEST_F(HostSandboxTest, TheSegmentationFaultIsARealOneAndItsRecordKeepsTheReportsCodeAndAddress) {
@@ -200,16 +347,11 @@ TEST_F(HostSandboxTest, TheSegmentationFaultIsARealOneAndItsRecordKeepsTheReport
     const std::map<std::string, std::string> environment = {{"TESSRA_HOME", home.path().string()}};
     {
         ChildProcess crashing(binary("tessra-host"), {}, environment);
-        crashing.write("{\"op\":\"crash.registerLogger\"}\n{\"op\":\"crash.trigger\",\"kind\":\"SIGSEGV\"}\n");
-        crashing.closeInput();
+        feed(crashing, {R"({"op":"crash.registerLogger"})", R"({"op":"crash.trigger","kind":"SIGSEGV"})"});
         EXPECT_EQ(crashing.wait(60s), 128 + SIGSEGV);
     }
-    ChildProcess next(binary("tessra-host"), {}, environment);
-    next.write("{\"op\":\"crash.logFile\"}\n{\"op\":\"crash.writeRecord\",\"fromReport\":true}\n");
-    next.closeInput();
-    EXPECT_EQ(next.wait(60s), 0);
-    std::vector<json> lines;
-    for (const auto& line : next.lines()) lines.push_back(json::parse(line, nullptr, false));
+    const auto lines = runHost({R"({"op":"crash.logFile"})", R"({"op":"crash.writeRecord","fromReport":true})"},
+                               environment);
 
     const long report = indexOf(lines, {{"op", "crash.logFile"}});
     ASSERT_GE(report, 0);

@@ -8,7 +8,7 @@
 namespace tessrakite {
 namespace {
 
-TEST(CrashBase64, EncodesWithPaddingForOneTwoAndThreeBytes) {
+TEST(CrashBase64, EncodesWithPaddingAndWithoutLineBreaks) {
     struct Case {
         Data bytes;
         std::optional<std::string> text;
@@ -22,13 +22,10 @@ TEST(CrashBase64, EncodesWithPaddingForOneTwoAndThreeBytes) {
         {{}, std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(base64StringWithData(c.bytes), c.text);
-}
-
-TEST(CrashBase64, EncodesLongInputWithoutLineBreaks) {
-    const auto text = base64StringWithData(Data(300, 0xAB));
-    ASSERT_TRUE(text);
-    EXPECT_EQ(text->size(), 400u);
-    EXPECT_EQ(text->find('\n'), std::string::npos);
+    // Long input gets no line breaks.
+    const std::string longText = base64StringWithData(Data(300, 0xAB)).value_or("");
+    EXPECT_EQ(longText.size(), 400u);
+    EXPECT_EQ(longText.find('\n'), std::string::npos);
 }
 
 TEST(CrashBase64, DecodingRules) {
@@ -58,15 +55,12 @@ TEST(CrashBase64, DecodingRules) {
 
 TEST(CrashBase64, StringHelpersRoundTripThroughEncodings) {
     EXPECT_EQ(encodeBase64("Man"), "TWFu");
-    EXPECT_EQ(base64StringWithString("Man"), "TWFu");
     EXPECT_EQ(encodeBase64(""), std::nullopt);
     EXPECT_EQ(decodeBase64("TWFu"), "Man");
-    EXPECT_EQ(decodeBase64("TW*u"), std::nullopt);
 
     // "é" is two bytes in UTF-8 and one in Latin-1; ASCII cannot hold it.
     EXPECT_EQ(encodeBase64("\xC3\xA9"), "w6k=");
     EXPECT_EQ(encodeBase64UsingEncoding("\xC3\xA9", StringEncoding::isoLatin1), "6Q==");
-    EXPECT_EQ(base64StringWithString("\xC3\xA9", StringEncoding::isoLatin1), "6Q==");
     EXPECT_EQ(encodeBase64UsingEncoding("\xC3\xA9", StringEncoding::ascii), std::nullopt);
     EXPECT_EQ(decodeBase64UsingEncoding("6Q==", StringEncoding::isoLatin1), "\xC3\xA9");
     EXPECT_EQ(decodeBase64UsingEncoding("6Q==", StringEncoding::ascii), std::nullopt);

@@ -105,6 +105,18 @@ void holdAllocatorFromAnotherThread() {
     while (!gHolding.load()) ::sched_yield();
 }
 
+void crashWhileAnotherThreadHoldsTheAllocator() {
+    holdAllocatorFromAnotherThread();
+    crashNow();
+}
+
+void crashInsideTheAllocator() {
+    tCrashInside = true;
+    gLocking.store(true);
+    void* volatile p = std::malloc(16);
+    (void)p;
+}
+
 void* volatile gSink = nullptr;
 extern "C" void allocatingHandler(int) {
     gSink = std::malloc(64);
@@ -130,55 +142,37 @@ protected:
 TEST_F(CrashWithAllocatorLocked, TheTestWouldCatchAHandlerThatAllocates) {
 #ifdef TESSRA_TEST_LOCKED_MALLOC
     // Control: a handler that calls malloc hangs until the child's alarm ends it.
-    auto outcome = runInChild(
-        [] {
-            ::signal(SIGSEGV, &allocatingHandler);
-            holdAllocatorFromAnotherThread();
-            crashNow();
-        },
-        2);
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGALRM);
+    EXPECT_EQ(runInChild(
+                  [] {
+                      ::signal(SIGSEGV, &allocatingHandler);
+                      holdAllocatorFromAnotherThread();
+                      crashNow();
+                  },
+                  2),
+              SIGALRM);
 #endif
 }
 
-TEST_F(CrashWithAllocatorLocked, AnotherThreadHoldsTheAllocator200Runs) {
+TEST_F(CrashWithAllocatorLocked, TheReportIsWrittenAndTheProcessDiesWithItsSignal) {
 #ifdef TESSRA_TEST_LOCKED_MALLOC
-    for (int run = 0; run < 200; ++run) {
-        std::filesystem::remove(logFile());
-        auto outcome = runInChild(
-            [] {
-                JtCrashLogger::registerLogger();
-                holdAllocatorFromAnotherThread();
-                crashNow();
-            },
-            5);
-        ASSERT_TRUE(outcome.signaled) << "run " << run << ": " << describe(outcome);
-        ASSERT_EQ(outcome.signal, SIGSEGV) << "run " << run;
-        const auto text = readFile(logFile());
-        ASSERT_EQ(text.rfind("FROM signal: CrashSample\n", 0), 0u) << "run " << run << ": " << text;
-        ASSERT_NE(text.find("\nInfo: signal:11\naddress:0x00000000\n[(nil)]\n"), std::string::npos) << text;
-        ASSERT_EQ(text.back(), '\n');
-    }
-#endif
-}
-
-TEST_F(CrashWithAllocatorLocked, TheCrashHappensInsideTheAllocator) {
-#ifdef TESSRA_TEST_LOCKED_MALLOC
-    for (int run = 0; run < 20; ++run) {
-        std::filesystem::remove(logFile());
-        auto outcome = runInChild(
-            [] {
-                JtCrashLogger::registerLogger();
-                tCrashInside = true;
-                gLocking.store(true);
-                void* volatile p = std::malloc(16);
-                (void)p;
-            },
-            5);
-        ASSERT_TRUE(outcome.signaled) << "run " << run << ": " << describe(outcome);
-        ASSERT_EQ(outcome.signal, SIGSEGV) << "run " << run;
-        ASSERT_EQ(readFile(logFile()).rfind("FROM signal: CrashSample\n", 0), 0u) << "run " << run;
+    const std::pair<void (*)(), int> cases[] = {{&crashWhileAnotherThreadHoldsTheAllocator, 200},
+                                                {&crashInsideTheAllocator, 20}};
+    for (const auto& [crash, runs] : cases) {
+        for (int run = 0; run < runs; ++run) {
+            std::filesystem::remove(logFile());
+            ASSERT_EQ(runInChild(
+                          [crash = crash] {
+                              JtCrashLogger::registerLogger();
+                              crash();
+                          },
+                          5),
+                      SIGSEGV)
+                << "run " << run;
+            const auto text = readFile(logFile());
+            ASSERT_EQ(text.rfind("FROM signal: CrashSample\n", 0), 0u) << "run " << run << ": " << text;
+            ASSERT_NE(text.find("\nInfo: signal:11\naddress:0x00000000\n[(nil)]\n"), std::string::npos) << text;
+            ASSERT_EQ(text.back(), '\n');
+        }
     }
 #endif
 }

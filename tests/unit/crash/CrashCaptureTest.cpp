@@ -6,7 +6,6 @@
 #include <csignal>
 #include <ctime>
 #include <regex>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -34,25 +33,7 @@ namespace {
 
 const char* const kBundleId = "com.example.crash";
 
-struct Crash {
-    const char* name;
-    void (*trigger)();
-    int expectedSignal;  // the signal the child dies with
-    int reportType;      // 2: signal report, 1: exception report
-    int reportedSignal;  // the "signal:" value of a signal report
-    const char* reason;  // the "Reason:" of an exception report
-    // The fault address whose symbol the report names, when the test knows it.
-    const void* (*faultAddress)();
-};
-
 // ---- triggers -------------------------------------------------------------------
-
-void raiseAbrt() { ::raise(SIGABRT); }
-void raiseBus() { ::raise(SIGBUS); }
-void raiseFpe() { ::raise(SIGFPE); }
-void raiseIll() { ::raise(SIGILL); }
-void raiseSegv() { ::raise(SIGSEGV); }
-void raiseTrap() { ::raise(SIGTRAP); }
 
 // Faulting stores stay out of sanitizer instrumentation, which would touch its own
 // shadow memory first and fault elsewhere.
@@ -77,20 +58,44 @@ __attribute__((noinline)) int recurse(int depth) {
 }
 void overflowStack() { (void)recurse(0); }
 
-void throwRuntimeError() { throw std::runtime_error("boom"); }
-void throwInt() { throw 42; }
-void (*volatile gThrower)() = nullptr;
-void callNoexcept() noexcept { gThrower(); }
+// An operation that overflows its stack on one of the SDK's queue threads.
+class OverflowingOperation : public Operation {
+public:
+    void main() override { overflowStack(); }
+};
+void overflowOnSdkWorker() {
+    auto queue = std::make_shared<OperationQueue>();
+    queue->addOperation(std::make_shared<OverflowingOperation>());
+    queue->waitUntilAllOperationsAreFinished(30);
+}
+
 void uncaughtRuntimeError() {
-    gThrower = &throwRuntimeError;
-    callNoexcept();
+    std::thread([] { throw std::runtime_error("boom"); }).join();
 }
 void uncaughtInt() {
-    gThrower = &throwInt;
-    callNoexcept();
+    std::thread([] { throw 42; }).join();
 }
 
 // ---- fixture ----------------------------------------------------------------------
+
+struct Crash {
+    const char* name;
+    void (*trigger)();   // nullptr: raise the signal
+    int signal;          // the child dies with it; a signal report names it
+    const char* reason;  // the "Reason:" of an exception report; nullptr: a signal report
+    int code;            // the report's "CODE:" when the test knows it, else 0
+    const void* (*faultAddress)();  // the address the report names, when the test knows it
+};
+
+std::string literal(const std::string& text) {
+    static const std::regex metacharacter(R"([.^$|()\[\]{}*+?\\])");
+    return std::regex_replace(text, metacharacter, R"(\$&)");
+}
+
+// A frame as backtrace_symbols names it; a stack block quotes one a line, the last without a comma.
+const std::string kSymbol = R"re((?:.*\(.*\) )?\[(?:0x[0-9a-f]+|\(nil\))\])re";
+const std::string kFrame = "    \"" + kSymbol + "\"";
+const std::string kTime = "([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2})";
 
 class CrashCapture : public ::testing::Test {
 protected:
@@ -108,95 +113,47 @@ protected:
     std::string logFolder() const { return (home_.path() / "Apps" / kBundleId / "Documents" / "crashlog").string(); }
     std::string logFile() const { return logFolder() + "/crash.txt"; }
 
-    // Local times "yyyy-MM-dd HH:mm:ss" of every second in [from, to], a second wider on
-    // each side: time() reads a coarse clock that may lag the one the report uses.
-    static std::set<std::string> timesBetween(std::time_t from, std::time_t to) {
-        std::set<std::string> out;
-        for (std::time_t t = from - 1; t <= to + 1; ++t) {
-            std::tm tm{};
-            ::localtime_r(&t, &tm);
-            char buf[32];
-            std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-            out.insert(buf);
-        }
-        return out;
+    // The report's local time lies in [from, to], a second wider on each side: time() reads
+    // a coarse clock that may lag the one the report uses.
+    static void expectTimeWithin(const std::string& text, std::time_t from, std::time_t to) {
+        std::tm tm{};
+        ASSERT_TRUE(::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &tm)) << text;
+        tm.tm_isdst = -1;
+        const std::time_t t = std::mktime(&tm);
+        EXPECT_TRUE(t >= from - 1 && t <= to + 1) << text;
     }
 
-    // Checks the "(", entries, ")" block starting at lines[i]; returns the index after it.
-    static std::size_t expectStack(const std::vector<std::string>& lines, std::size_t i, std::size_t& entries) {
-        static const std::regex entry(R"re(    "(.*\(.*\) )?\[(0x[0-9a-f]+|\(nil\))\]",?)re");
-        entries = 0;
-        while (i < lines.size() && lines[i] != ")") {
-            EXPECT_TRUE(std::regex_match(lines[i], entry)) << lines[i];
-            const bool last = i + 1 < lines.size() && lines[i + 1] == ")";
-            EXPECT_EQ(lines[i].back() == ',', !last) << lines[i];
-            ++entries;
-            ++i;
+    void expectReport(const std::string& text, const Crash& c, std::time_t from, std::time_t to) {
+        std::smatch m;
+        if (c.reason) {
+            const std::regex report("From exception: CrashSample\nVersion: 2\\.5 build: 77\nType: 1\nReason: " +
+                                    literal(c.reason) + "\nCallStack: \\(\n(?:" + kFrame + ",\n)*" + kFrame +
+                                    "\n\\)\nCode: 0\nDevice:" + literal(machine_) + "\nOS:" + literal(release_) +
+                                    "\nTime :" + kTime);
+            ASSERT_TRUE(std::regex_match(text, m, report)) << text;
+            return expectTimeWithin(m[1], from, to);
         }
-        EXPECT_LT(i, lines.size());
-        return i + 1;
-    }
-
-    void expectSignalReport(const std::string& text, const Crash& c, std::time_t from, std::time_t to) {
-        auto lines = splitLines(text);
-        ASSERT_GE(lines.size(), 13u) << text;
-        std::size_t i = 0;
-        EXPECT_EQ(lines[i++], "FROM signal: CrashSample");
-        EXPECT_EQ(lines[i++], "VERSION: 2.5BUILD: 77");
-        EXPECT_EQ(lines[i++], "TYPE: 2");
-        EXPECT_TRUE(std::regex_match(lines[i++], std::regex("CODE: -?[0-9]+"))) << lines[i - 1];
-        EXPECT_EQ(lines[i++], "STACK: (");
-        std::size_t entries = 0;
-        i = expectStack(lines, i, entries);
-        EXPECT_GE(entries, 1u);
-        EXPECT_LE(entries, 19u);
-        ASSERT_LT(i + 7, lines.size() + 1) << text;
-        EXPECT_EQ(lines[i++], "Info: signal:" + std::to_string(c.reportedSignal));
-        EXPECT_TRUE(std::regex_match(lines[i++], std::regex("address:0x[0-9A-F]{8,}"))) << lines[i - 1];
-        const std::string symbol = lines[i++];
-        EXPECT_TRUE(std::regex_match(symbol, std::regex(R"re((.*\(.*\) )?\[(0x[0-9a-f]+|\(nil\))\])re"))) << symbol;
+        // At most nineteen frames, then the signal, the fault address and its symbol.
+        const std::regex report("FROM signal: CrashSample\nVERSION: 2\\.5BUILD: 77\nTYPE: 2\nCODE: (-?[0-9]+)\n"
+                                "STACK: \\(\n(?:" + kFrame + ",\n){0,18}" + kFrame + "\n\\)\nInfo: signal:" +
+                                std::to_string(c.signal) + "\naddress:(0x[0-9A-F]{8,})\n(" + kSymbol +
+                                ")\nOS: " + literal(release_) + "\nDEVICE: " + literal(machine_) + "\nTIME: " +
+                                kTime + "\n");
+        ASSERT_TRUE(std::regex_match(text, m, report)) << text;
+        EXPECT_TRUE(!c.code || m[1] == std::to_string(c.code)) << m[1];
         if (c.faultAddress) {
             // The signal path names the fault address exactly as backtrace_symbols does.
             void* address = const_cast<void*>(c.faultAddress());
             char** symbols = ::backtrace_symbols(&address, 1);
             ASSERT_NE(symbols, nullptr);
-            EXPECT_EQ(symbol, symbols[0]);
+            EXPECT_EQ(m[3].str(), symbols[0]);
             std::free(symbols);
             char hex[32];
-            std::snprintf(hex, sizeof hex, "address:0x%08X",
+            std::snprintf(hex, sizeof hex, "0x%08X",
                           static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address) & 0xFFFFFFFFu));
-            EXPECT_EQ(lines[i - 2], hex);
+            EXPECT_EQ(m[2].str(), hex);
         }
-        EXPECT_EQ(lines[i++], "OS: " + release_);
-        EXPECT_EQ(lines[i++], "DEVICE: " + machine_);
-        ASSERT_LT(i, lines.size());
-        const std::string time = lines[i++];
-        ASSERT_EQ(time.rfind("TIME: ", 0), 0u) << time;
-        EXPECT_TRUE(timesBetween(from, to).count(time.substr(6))) << time;
-        ASSERT_EQ(i + 1, lines.size()) << "the report ends with one line break";
-        EXPECT_EQ(lines[i], "");
-    }
-
-    void expectExceptionReport(const std::string& text, const std::string& reason, std::time_t from,
-                               std::time_t to) {
-        auto lines = splitLines(text);
-        ASSERT_GE(lines.size(), 10u) << text;
-        std::size_t i = 0;
-        EXPECT_EQ(lines[i++], "From exception: CrashSample");
-        EXPECT_EQ(lines[i++], "Version: 2.5 build: 77");
-        EXPECT_EQ(lines[i++], "Type: 1");
-        EXPECT_EQ(lines[i++], "Reason: " + reason);
-        EXPECT_EQ(lines[i++], "CallStack: (");
-        std::size_t entries = 0;
-        i = expectStack(lines, i, entries);
-        EXPECT_GE(entries, 1u);
-        ASSERT_EQ(i + 4, lines.size()) << text;
-        EXPECT_EQ(lines[i++], "Code: 0");
-        EXPECT_EQ(lines[i++], "Device:" + machine_);
-        EXPECT_EQ(lines[i++], "OS:" + release_);
-        const std::string time = lines[i++];
-        ASSERT_EQ(time.rfind("Time :", 0), 0u) << time;
-        EXPECT_TRUE(timesBetween(from, to).count(time.substr(6))) << time;
+        expectTimeWithin(m[4], from, to);
     }
 
     ScopedHome home_;
@@ -204,17 +161,18 @@ protected:
 };
 
 const Crash kCrashes[] = {
-    {"raise SIGABRT", &raiseAbrt, SIGABRT, 2, SIGABRT, nullptr, nullptr},
-    {"raise SIGBUS", &raiseBus, SIGBUS, 2, SIGBUS, nullptr, nullptr},
-    {"raise SIGFPE", &raiseFpe, SIGFPE, 2, SIGFPE, nullptr, nullptr},
-    {"raise SIGILL", &raiseIll, SIGILL, 2, SIGILL, nullptr, nullptr},
-    {"raise SIGSEGV", &raiseSegv, SIGSEGV, 2, SIGSEGV, nullptr, nullptr},
-    {"raise SIGTRAP", &raiseTrap, SIGTRAP, 2, SIGTRAP, nullptr, nullptr},
-    {"null-pointer write", &writeNull, SIGSEGV, 2, SIGSEGV, nullptr, &nullAddress},
-    {"write into machine code", &writeCode, SIGSEGV, 2, SIGSEGV, nullptr, &codeAddress},
-    {"stack overflow", &overflowStack, SIGSEGV, 2, SIGSEGV, nullptr, nullptr},
-    {"uncaught std::runtime_error", &uncaughtRuntimeError, SIGABRT, 1, 0, "boom", nullptr},
-    {"uncaught int", &uncaughtInt, SIGABRT, 1, 0, "int", nullptr},
+    {"raise SIGABRT", nullptr, SIGABRT, nullptr, SI_TKILL, nullptr},
+    {"raise SIGBUS", nullptr, SIGBUS, nullptr, SI_TKILL, nullptr},
+    {"raise SIGFPE", nullptr, SIGFPE, nullptr, SI_TKILL, nullptr},
+    {"raise SIGILL", nullptr, SIGILL, nullptr, SI_TKILL, nullptr},
+    {"raise SIGSEGV", nullptr, SIGSEGV, nullptr, SI_TKILL, nullptr},
+    {"raise SIGTRAP", nullptr, SIGTRAP, nullptr, SI_TKILL, nullptr},
+    {"null-pointer write", &writeNull, SIGSEGV, nullptr, SEGV_MAPERR, &nullAddress},
+    {"write into machine code", &writeCode, SIGSEGV, nullptr, SEGV_ACCERR, &codeAddress},
+    {"stack overflow", &overflowStack, SIGSEGV, nullptr, 0, nullptr},
+    {"stack overflow on an SDK worker thread", &overflowOnSdkWorker, SIGSEGV, nullptr, 0, nullptr},
+    {"uncaught std::runtime_error", &uncaughtRuntimeError, SIGABRT, "boom", 0, nullptr},
+    {"uncaught int", &uncaughtInt, SIGABRT, "int", 0, nullptr},
 };
 
 TEST_F(CrashCapture, EveryCrashKindDiesWithItsSignalAndLeavesAReport) {
@@ -222,35 +180,18 @@ TEST_F(CrashCapture, EveryCrashKindDiesWithItsSignalAndLeavesAReport) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove(logFile());
         const std::time_t from = std::time(nullptr);
-        auto outcome = runInChild([&] {
-            if (!JtCrashLogger::registerLogger()) ::_exit(3);
-            c.trigger();
-        });
-        const std::time_t to = std::time(nullptr);
-        ASSERT_TRUE(outcome.signaled) << describe(outcome);
-        EXPECT_EQ(outcome.signal, c.expectedSignal);
-        const std::string report = readFile(logFile());
-        ASSERT_FALSE(report.empty()) << "no report at " << logFile();
-        if (c.reportType == 2)
-            expectSignalReport(report, c, from, to);
-        else
-            expectExceptionReport(report, c.reason, from, to);
+        // Registering twice must not hurt.
+        EXPECT_EQ(runInChild([&] {
+                      if (!JtCrashLogger::registerLogger() || !JtCrashLogger::registerLogger()) ::_exit(3);
+                      c.trigger ? c.trigger() : (void)::raise(c.signal);
+                  }),
+                  c.signal);
+        expectReport(readFile(logFile()), c, from, std::time(nullptr));
         // Only the report is left behind.
         std::size_t files = 0;
         for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(logFolder())) ++files;
         EXPECT_EQ(files, 1u);
     }
-}
-
-TEST_F(CrashCapture, NullWriteReportsTheFaultCodeAndAZeroAddress) {
-    auto outcome = runInChild([] {
-        JtCrashLogger::registerLogger();
-        writeNull();
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    const auto text = readFile(logFile());
-    EXPECT_NE(text.find("\nCODE: " + std::to_string(SEGV_MAPERR) + "\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\naddress:0x00000000\n[(nil)]\n"), std::string::npos) << text;
 }
 
 // Two threads that write through a null pointer at the same moment.
@@ -268,102 +209,61 @@ void twoThreadsFaultTogether() {
 }
 
 TEST_F(CrashCapture, TwoThreadsCrashingTogetherLeaveOneCompleteReport) {
-    const auto complete = [](const std::string& text) {
-        const auto time = text.rfind("\nTIME: ");
-        return text.rfind("FROM signal: CrashSample\n", 0) == 0 &&
-               text.find("\nInfo: signal:" + std::to_string(SIGSEGV) + "\n") != std::string::npos &&
-               time != std::string::npos &&
-               std::regex_match(text.substr(time), std::regex("\nTIME: [0-9-]{10} [0-9:]{8}\n"));
-    };
+    const std::regex complete("FROM signal: CrashSample\n[\\s\\S]*\nInfo: signal:" + std::to_string(SIGSEGV) +
+                              "\n[\\s\\S]*\nTIME: [0-9-]{10} [0-9:]{8}\n");
     int completeReports = 0;
     for (int run = 0; run < 100; ++run) {
         std::filesystem::remove_all(logFolder());
-        auto outcome = runInChild([] {
-            JtCrashLogger::registerLogger();
-            twoThreadsFaultTogether();
-        });
-        ASSERT_TRUE(outcome.signaled) << describe(outcome);
-        EXPECT_EQ(outcome.signal, SIGSEGV);
+        EXPECT_EQ(runInChild([] {
+                      JtCrashLogger::registerLogger();
+                      twoThreadsFaultTogether();
+                  }),
+                  SIGSEGV);
         std::vector<std::string> files;
         for (const auto& e : std::filesystem::directory_iterator(logFolder()))
             files.push_back(e.path().filename().string());
         EXPECT_EQ(files, std::vector<std::string>{"crash.txt"}) << "run " << run;
-        if (complete(readFile(logFile()))) ++completeReports;
+        if (std::regex_match(readFile(logFile()), complete)) ++completeReports;
     }
     EXPECT_EQ(completeReports, 100);
 }
 
 TEST_F(CrashCapture, AnUncaughtExceptionIsReportedWhereItWasThrown) {
-    auto outcome = runInChild([] {
-        JtCrashLogger::registerLogger();
-        // Caught and thrown again elsewhere first: the report names the throw that escaped.
-        try {
-            throw std::logic_error("caught");
-        } catch (const std::exception&) {
-        }
-        std::thread([] { tessraTestThrowSite(); }).join();
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGABRT);
-    const auto lines = splitLines(readFile(logFile()));
-    ASSERT_GE(lines.size(), 6u);
-    EXPECT_EQ(lines[3], "Reason: thrown here");
-    EXPECT_EQ(lines[4], "CallStack: (");
-    EXPECT_NE(lines[5].find("(tessraTestThrowSite+0x"), std::string::npos) << lines[5];
-}
-
-TEST_F(CrashCapture, SigtrapIsStillCaughtAfterAnExceptionReport) {
-    auto outcome = runInChild([] {
-        JtCrashLogger::registerLogger();
-        JtCrashLogger::exceptionCallback(std::make_exception_ptr(std::logic_error("first")));
-        ::raise(SIGTRAP);
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGTRAP);
+    EXPECT_EQ(runInChild([] {
+                  JtCrashLogger::registerLogger();
+                  // Caught and thrown again elsewhere first: the report names the throw that escaped.
+                  try {
+                      throw std::logic_error("caught");
+                  } catch (const std::exception&) {
+                  }
+                  std::thread([] { tessraTestThrowSite(); }).join();
+              }),
+              SIGABRT);
     const auto text = readFile(logFile());
-    EXPECT_EQ(text.rfind("FROM signal: CrashSample\n", 0), 0u) << text;
-    EXPECT_NE(text.find("\nInfo: signal:" + std::to_string(SIGTRAP) + "\n"), std::string::npos) << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex("\nReason: thrown here\nCallStack: \\(\n    \"[^\n]*"
+                                                   "\\(tessraTestThrowSite\\+0x")))
+        << text;
 }
 
-TEST_F(CrashCapture, AfterAnExceptionReportTheOtherSignalsAreNoLongerTrapped) {
-    auto outcome = runInChild([] {
-        JtCrashLogger::registerLogger();
-        JtCrashLogger::exceptionCallback(std::make_exception_ptr(std::logic_error("first")));
-        ::raise(SIGSEGV);
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGSEGV);
-    const auto text = readFile(logFile());
-    EXPECT_EQ(text.rfind("From exception: CrashSample\n", 0), 0u) << text;
-    EXPECT_NE(text.find("\nReason: first\n"), std::string::npos) << text;
-}
-
-TEST_F(CrashCapture, RegisteringTwiceStillCaptures) {
-    auto outcome = runInChild([] {
-        if (!JtCrashLogger::registerLogger() || !JtCrashLogger::registerLogger()) ::_exit(3);
-        overflowStack();
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGSEGV);
-    EXPECT_EQ(readFile(logFile()).rfind("FROM signal: CrashSample\n", 0), 0u);
-}
-
-// An operation that overflows its stack on one of the SDK's queue threads.
-class OverflowingOperation : public Operation {
-public:
-    void main() override { overflowStack(); }
-};
-
-TEST_F(CrashCapture, AStackOverflowOnAnSdkWorkerThreadIsReported) {
-    auto outcome = runInChild([] {
-        JtCrashLogger::registerLogger();
-        auto queue = std::make_shared<OperationQueue>();
-        queue->addOperation(std::make_shared<OverflowingOperation>());
-        queue->waitUntilAllOperationsAreFinished(30);
-    });
-    ASSERT_TRUE(outcome.signaled) << describe(outcome);
-    EXPECT_EQ(outcome.signal, SIGSEGV);
-    EXPECT_EQ(readFile(logFile()).rfind("FROM signal: CrashSample\n", 0), 0u);
+TEST_F(CrashCapture, AfterAnExceptionReportOnlySigtrapIsStillTrapped) {
+    // SIGTRAP writes a signal report over the exception's; any other signal leaves it alone.
+    for (int signal : {SIGTRAP, SIGSEGV}) {
+        SCOPED_TRACE(signal);
+        std::filesystem::remove(logFile());
+        EXPECT_EQ(runInChild([signal] {
+                      JtCrashLogger::registerLogger();
+                      JtCrashLogger::exceptionCallback(std::make_exception_ptr(std::logic_error("first")));
+                      ::raise(signal);
+                  }),
+                  signal);
+        const auto text = readFile(logFile());
+        if (signal == SIGTRAP)
+            EXPECT_EQ(text.rfind("FROM signal: CrashSample\n", 0), 0u) << text;
+        else
+            EXPECT_EQ(text.rfind("From exception: CrashSample\nVersion: 2.5 build: 77\nType: 1\nReason: first\n", 0),
+                      0u)
+                << text;
+    }
 }
 
 TEST_F(CrashCapture, FailedSignalRegistrationPrintsTheSystemsMessage) {
@@ -372,30 +272,12 @@ TEST_F(CrashCapture, FailedSignalRegistrationPrintsTheSystemsMessage) {
     EXPECT_EQ(console.lines(), std::vector<std::string>{"Signal registration for Killed failed: Invalid argument"});
 }
 
-TEST_F(CrashCapture, PathsTimesAndDeviceModel) {
+TEST_F(CrashCapture, PathsAndTimes) {
     EXPECT_EQ(JtCrashLogger::getLogPath(), logFolder());
-    EXPECT_TRUE(std::filesystem::is_directory(logFolder()));
     std::filesystem::remove_all(logFolder());
     EXPECT_EQ(JtCrashLogger::getLogFileName(), logFile());
     EXPECT_TRUE(std::filesystem::is_directory(logFolder())) << "asking for the path creates the folder";
-
-    EXPECT_TRUE(std::regex_match(JtCrashLogger::getCurrentTime(),
-                                 std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}")));
     EXPECT_TRUE(std::regex_match(JtCrashLogger::getLogTimeString(), std::regex("[0-9]{8}_[0-9]{6}")));
-    EXPECT_EQ(JtCrashLogger::deviceModel(), machine_);
-}
-
-TEST_F(CrashCapture, CallStackSkipsTheCapturingFrameAndKeepsNineteenEntries) {
-    void* frames[40];
-    for (int i = 0; i < 40; ++i) frames[i] = reinterpret_cast<void*>(&faultTarget);
-    EXPECT_TRUE(JtCrashLogger::getCallStackStringArray(frames, 0).empty());
-    EXPECT_TRUE(JtCrashLogger::getCallStackStringArray(frames, 1).empty());
-    EXPECT_EQ(JtCrashLogger::getCallStackStringArray(frames, 2).size(), 1u);
-    EXPECT_EQ(JtCrashLogger::getCallStackStringArray(frames, 20).size(), 19u);
-    EXPECT_EQ(JtCrashLogger::getCallStackStringArray(frames, 40).size(), 19u);
-    char** expected = ::backtrace_symbols(frames, 2);
-    EXPECT_EQ(JtCrashLogger::getCallStackStringArray(frames, 2)[0], expected[1]);
-    std::free(expected);
 }
 
 }  // namespace

@@ -1,20 +1,22 @@
-// Crash upload against the fake backend on 127.0.0.1.
+// Crash records: their archive, and their upload against the fake backend on 127.0.0.1.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
 
+#include <nlohmann/json.hpp>
+
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/crash/Base64.hpp>
 #include <tessrakite/crash/JtCrashLogFile.hpp>
 #include <tessrakite/crash/JtCrashLogger.hpp>
-#include <tessrakite/crash/JtCrashReportOperation.hpp>
 #include <tessrakite/crash/JtCrashReporter.hpp>
 #include <tessrakite/crash/JtCrashRequest.hpp>
 #include <tessrakite/platform/Platform.hpp>
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
 
+#include "CrashChild.hpp"
 #include "FakeBackend.hpp"
 #include "TestEnv.hpp"
 
@@ -78,7 +80,6 @@ TEST_F(CrashUpload, AnEmptyFolderQueuesNothing) {
     auto queue = JtCrashReporter::reportLogs();
     ASSERT_TRUE(queue);
     EXPECT_EQ(queue->operationCount(), 0u);
-    EXPECT_TRUE(queue->waitUntilAllOperationsAreFinished(1));
     EXPECT_TRUE(backend_.requests().empty());
     EXPECT_TRUE(console.lines().empty());
 }
@@ -93,55 +94,31 @@ TEST_F(CrashUpload, TheRequestLineQueryAndBodyAreExact) {
     ASSERT_EQ(backend_.requests().size(), 1u);
     const auto request = backend_.requests()[0];
     EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.path, "/post.php");
-    EXPECT_EQ(request.query, "ver=2.5&addr=3735928559&code=4294967290");
-    EXPECT_EQ(request.body,
-              "stack=dHlwZToyCnNpZ25hbDo2CmFkZHJlc3M6MHgwMDAwMTIzNApbMHgxMjM0XQpsaWJjLnNvLjYocmFpc2UrMHgxKSBbMHgx"
-              "XQphcHAoKzB4MikgWzB4Ml0=");
+    EXPECT_EQ(request.target(), "/post.php?ver=2.5&addr=3735928559&code=4294967290");
+    ASSERT_EQ(request.body.substr(0, 6), "stack=");
     EXPECT_EQ(decodeBase64(request.body.substr(6)),
               "type:2\nsignal:6\naddress:0x00001234\n[0x1234]\nlibc.so.6(raise+0x1) [0x1]\napp(+0x2) [0x2]");
     EXPECT_FALSE(std::filesystem::exists(record("first.json"))) << "a 200 removes the file";
     EXPECT_EQ(console.lines(), std::vector<std::string>{"first.json"});
 }
 
-TEST_F(CrashUpload, A500KeepsTheFileAndALater200RemovesIt) {
-    backend_.onSequence("POST", "/post.php", {Answer::withStatus(500), Answer::withStatus(200)});
-    ASSERT_TRUE(signalRecord()->writeToFile(record("kept.json")));
-
-    reportAndWait();
-    EXPECT_EQ(backend_.requests().size(), 1u);
-    EXPECT_TRUE(std::filesystem::exists(record("kept.json")));
-
-    reportAndWait();
-    EXPECT_EQ(backend_.requests().size(), 2u);
-    EXPECT_FALSE(std::filesystem::exists(record("kept.json")));
-}
-
-TEST_F(CrashUpload, OnlyA200Deletes) {
-    for (int status : {201, 204, 404}) {
+TEST_F(CrashUpload, OnlyA200DeletesTheRecord) {
+    for (int status : {500, 201, 204, 404}) {
         SCOPED_TRACE(status);
         backend_.clearScripts();
-        backend_.on("POST", "/post.php", Answer::withStatus(status));
-        ASSERT_TRUE(signalRecord()->writeToFile(record("r.json")));
+        backend_.onSequence("POST", "/post.php", {Answer::withStatus(status), Answer::withStatus(200)});
+        ASSERT_TRUE(signalRecord()->writeToFile(record("kept.json")));
         reportAndWait();
-        EXPECT_TRUE(std::filesystem::exists(record("r.json")));
+        EXPECT_TRUE(std::filesystem::exists(record("kept.json")));
+        reportAndWait();
+        EXPECT_FALSE(std::filesystem::exists(record("kept.json"))) << "a later 200 removes it";
     }
+    EXPECT_EQ(backend_.requests().size(), 8u);
 }
 
-TEST_F(CrashUpload, ThePlainTextReportIsNeverUploadedNorDeleted) {
+TEST_F(CrashUpload, RecordsInSubfoldersAreUploadedButNeverThePlainTextReport) {
     backend_.on("POST", "/post.php", Answer::withStatus(200));
     std::ofstream(record("crash.txt")) << "FROM signal: Sample\nVERSION: 1.0BUILD: 1\nTYPE: 2\n";
-    ConsoleCapture console;
-
-    reportAndWait();
-
-    EXPECT_TRUE(backend_.requests().empty());
-    EXPECT_TRUE(std::filesystem::exists(record("crash.txt")));
-    EXPECT_EQ(console.lines(), std::vector<std::string>{"crash.txt"});
-}
-
-TEST_F(CrashUpload, RecordsInSubfoldersAreUploadedToo) {
-    backend_.on("POST", "/post.php", Answer::withStatus(200));
     std::filesystem::create_directories(record("older"));
     ASSERT_TRUE(signalRecord()->writeToFile(record("older/one.json")));
     ASSERT_TRUE(signalRecord()->writeToFile(record("two.json")));
@@ -150,11 +127,12 @@ TEST_F(CrashUpload, RecordsInSubfoldersAreUploadedToo) {
     reportAndWait();
 
     EXPECT_EQ(backend_.requests().size(), 2u);
+    EXPECT_TRUE(std::filesystem::exists(record("crash.txt")));
     EXPECT_FALSE(std::filesystem::exists(record("older/one.json")));
     EXPECT_FALSE(std::filesystem::exists(record("two.json")));
     auto lines = console.lines();
     std::sort(lines.begin(), lines.end());
-    EXPECT_EQ(lines, (std::vector<std::string>{"older", "older/one.json", "two.json"}));
+    EXPECT_EQ(lines, (std::vector<std::string>{"crash.txt", "older", "older/one.json", "two.json"}));
 }
 
 TEST_F(CrashUpload, TheStoredCrashUrlGivesOnlyHostAndPortAndUploadsStayHttp) {
@@ -174,44 +152,75 @@ TEST_F(CrashUpload, TheStoredCrashUrlGivesOnlyHostAndPortAndUploadsStayHttp) {
     EXPECT_FALSE(std::filesystem::exists(record("r.json")));
 }
 
-TEST_F(CrashUpload, AStoredTextThatIsNoUrlFallsBackToTheBuiltInHost) {
-    StorageManager().set(StorageKey::crashUrl, "not a url");
-    backend_.on("POST", "/post.php", Answer::withStatus(200));
-    ASSERT_TRUE(signalRecord()->writeToFile(record("r.json")));
-
-    reportAndWait();
-
-    EXPECT_EQ(backend_.requests().size(), 1u);
-}
-
-TEST_F(CrashUpload, RequestBuilder) {
+TEST_F(CrashUpload, RequestsForBareRecordsAndWithAStoredTextThatIsNoUrl) {
     EXPECT_FALSE(requestWithJtCrashLogFile(nullptr));
-
-    auto request = requestWithJtCrashLogFile(signalRecord());
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->httpMethod, "POST");
-    EXPECT_EQ(request->url.absoluteString(), backend_.httpBase() + "/post.php?ver=2.5&addr=3735928559&code=4294967290");
-    EXPECT_TRUE(request->headers.empty());
-
-    // Absent values read "(null)", as the placeholders show them.
+    // Absent values read "(null)", as the placeholders show them; a stored text that is no URL
+    // leaves the built-in host.
+    StorageManager().set(StorageKey::crashUrl, "not a url");
     auto bare = std::make_shared<JtCrashLogFile>();
     bare->type = 1;
-    request = requestWithJtCrashLogFile(bare);
+    auto request = requestWithJtCrashLogFile(bare);
     ASSERT_TRUE(request);
+    EXPECT_EQ(request->httpMethod, "POST");
+    EXPECT_TRUE(request->headers.empty());
     EXPECT_EQ(request->url.absoluteString(), backend_.httpBase() + "/post.php?ver=(null)&addr=0&code=0");
     EXPECT_EQ(request->httpBody, "stack=dHlwZToxCihudWxsKQoobnVsbCk=");
 }
 
-TEST_F(CrashUpload, AnOperationClearsItsQueueWhenDone) {
-    auto queue = std::make_shared<OperationQueue>();
-    auto operation = std::make_shared<JtCrashReportOperation>(record("missing.json").string(), session_);
-    operation->setQueue(queue);
-    EXPECT_EQ(operation->queue(), queue);
-    queue->addOperation(operation);
-    ASSERT_TRUE(queue->waitUntilAllOperationsAreFinished(10));
-    EXPECT_TRUE(operation->isFinished());
-    EXPECT_EQ(operation->queue(), nullptr);
-    EXPECT_TRUE(backend_.requests().empty());
+// ---- the record's archive ----------------------------------------------------------
+
+class CrashLogFileArchive : public ::testing::Test {
+protected:
+    std::filesystem::path file(const char* name) const { return home_.path() / name; }
+    ScopedHome home_;
+};
+
+TEST_F(CrashLogFileArchive, KeepsTheSevenKeysAndOnlyThose) {
+    JtCrashLogFile full = *signalRecord();
+    full.name = "n";
+    full.reason = "r";
+    full.time = "2024-01-01 00:00:00";
+    full.deviceModel = "x86_64";
+    ASSERT_TRUE(full.writeToFile(file("record")));
+    EXPECT_FALSE(full.writeToFile(home_.path() / "no" / "such" / "record"));
+
+    const auto archive = nlohmann::json::parse(readFile(file("record").string()));
+    std::vector<std::string> names;  // a JSON object lists its keys sorted
+    for (const auto& item : archive.items()) names.push_back(item.key());
+    EXPECT_EQ(names, (std::vector<std::string>{"address", "appVersion", "buildVersion", "callStack", "code",
+                                               "info", "type"}));
+    auto back = JtCrashLogFile::createFromLogFileName(file("record"));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, *signalRecord());
+}
+
+TEST_F(CrashLogFileArchive, AbsentValuesStayAbsent) {
+    JtCrashLogFile r;
+    r.type = 1;
+    ASSERT_TRUE(r.writeToFile(file("record")));
+    auto back = JtCrashLogFile::createFromLogFileName(file("record"));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, r);
+}
+
+TEST_F(CrashLogFileArchive, AnythingElseYieldsNoRecord) {
+    const std::pair<const char*, std::string> cases[] = {
+        {"a plain-text report", "FROM signal: Sample\nVERSION: 1.0BUILD: 1\nTYPE: 2\n"},
+        {"garbage", "\x01\x02garbage\xff"},
+        {"empty", ""},
+        {"a JSON array", "[1,2,3]"},
+        {"a missing key", R"({"type":2,"address":1,"code":0,"callStack":[],"appVersion":"1","info":"i"})"},
+        {"a wrong type", R"({"type":"2","address":1,"code":0,"callStack":[],"appVersion":"1","info":"i","buildVersion":"1"})"},
+        {"a number out of range", R"({"type":2,"address":-1,"code":0,"callStack":[],"appVersion":"1","info":"i","buildVersion":"1"})"},
+        {"a stack of numbers", R"({"type":2,"address":1,"code":0,"callStack":[1],"appVersion":"1","info":"i","buildVersion":"1"})"},
+    };
+    for (const auto& [name, text] : cases) {
+        SCOPED_TRACE(name);
+        std::ofstream(file("record"), std::ios::binary) << text;
+        EXPECT_EQ(JtCrashLogFile::createFromLogFileName(file("record")), nullptr);
+    }
+    EXPECT_EQ(JtCrashLogFile::createFromLogFileName(file("missing")), nullptr);
+    EXPECT_EQ(JtCrashLogFile::createFromLogFileName(home_.path()), nullptr) << "a folder";
 }
 
 }  // namespace
