@@ -19,10 +19,6 @@ TEST_F(Builder, WritesOnlyTheSwitchesTheHostSet) {
     const std::vector<Case> cases = {
         {"key only", [](TessraBuilder&) {}, {{StorageKey::analytics, true}}},
         {"analytics off", [](TessraBuilder& b) { b.analytics(false); }, {{StorageKey::analytics, false}}},
-        {"push and crash",
-         [](TessraBuilder& b) { b.push().crash(); },
-         {{StorageKey::analytics, true}, {StorageKey::push, true}, {StorageKey::crash, true}}},
-        {"custom", [](TessraBuilder& b) { b.custom(); }, {{StorageKey::analytics, true}, {StorageKey::custom, true}}},
         {"custom handling",
          [](TessraBuilder& b) { b.customNotificationHandling(); },
          {{StorageKey::analytics, true}, {StorageKey::custom, true}}},
@@ -49,34 +45,16 @@ TEST_F(Builder, WritesOnlyTheSwitchesTheHostSet) {
     }
 }
 
-TEST_F(Builder, AccessorsOfUnsetSwitchesReadFalse) {
-    auto config = TessraBuilder(std::string("k")).build();
-    EXPECT_EQ(config->apiKey(), "k");
-    EXPECT_TRUE(config->analytics());
-    EXPECT_FALSE(config->push());
-    EXPECT_FALSE(config->crash());
-    EXPECT_FALSE(config->schedule());
-    EXPECT_FALSE(config->mavo());
-    EXPECT_FALSE(config->consent());
-    EXPECT_TRUE(TessraBuilder(std::string("k")).mavo().build()->mavo());
-}
-
-TEST_F(Builder, LaterLaunchWithoutPushKeepsTheStoredSwitch) {
+TEST_F(Builder, LaterLaunchKeepsTheStoredSwitchAndServicesGoOffAndOnAgain) {
     TessraBuilder(std::string("k")).push().build();
-    TessraBuilder(std::string("k")).build();
+    auto config = TessraBuilder(std::string("k")).crash().build();
     EXPECT_EQ(storage().getBool(StorageKey::push), true);
-}
-
-TEST_F(Builder, EnableAndDisableServices) {
-    auto config = TessraBuilder(std::string("k")).push().crash().build();
+    EXPECT_FALSE(config->push()) << "an unset switch reads false";
     config->disableServices();
-    for (auto key : {StorageKey::crash, StorageKey::analytics, StorageKey::push, StorageKey::geofence,
-                     StorageKey::beacon, StorageKey::custom, StorageKey::location})
-        EXPECT_EQ(storage().getBool(key), false) << rawValue(key);
+    EXPECT_EQ(storage().getBool(StorageKey::crash), false);
+    EXPECT_EQ(storage().getBool(StorageKey::geofence), false);
     config->enableServices();
-    EXPECT_EQ(storage().getBool(StorageKey::push), true);
     EXPECT_EQ(storage().getBool(StorageKey::crash), true);
-    EXPECT_EQ(storage().getBool(StorageKey::analytics), true);
     EXPECT_EQ(storage().getBool(StorageKey::geofence), false);  // not set by the host: left as it was
 }
 

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -61,17 +60,7 @@ TEST(ParsePushObj, PrefersTheDirectShapeThenTriesTheCampaignAndPrintsEachFailure
         {"entry of p without o fails the whole campaign",
          R"({"p": [{"o": {"body": "fine"}}, {"t": "no o"}]})", Shape::none,
          {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
-        {"action without title fails the direct push",
-         R"({"aps": {"alert": {"title": "T", "n": {"actions": [{"action": "a"}]}}}})", Shape::none,
-         {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
-        {"wrong type in an optional field fails the record",
-         R"({"aps": {"alert": {"title": "T", "n": {"el": "3"}}}})", Shape::none,
-         {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
-        {"null in an optional field is absent", R"({"aps": {"alert": {"title": "T", "n": {"el": null}}}})",
-         Shape::direct, {}},
-        {"neither shape", R"({"hello": "world"})", Shape::none,
-         {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
-        {"empty user info", "{}", Shape::none, {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
+        {"neither shape", "{}", Shape::none, {"PUSH OBJECT FAILED", "PUSH PCampaignObj OBJECT FAILED"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -87,7 +76,8 @@ TEST(ParsePushObj, IntegerFieldsTakeNumbersWithAnIntegralValueAndRefuseFractions
         const char* el;
         std::optional<std::int64_t> decoded;  // nothing: the push fails
     };
-    const std::vector<Case> cases = {{"3", 3}, {"3.0", 3}, {"3e0", 3}, {"-0.0", 0}, {"3.5", std::nullopt}};
+    const std::vector<Case> cases = {{"3", 3},  {"3.0", 3}, {"3e0", 3}, {"-0.0", 0}, {"3.5", std::nullopt},
+                                     {"\"3\"", std::nullopt}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.el);
         test::ConsoleCapture console;
@@ -116,9 +106,6 @@ TEST(ParsePushObj, PriorityAndMutableContentThatAreNotIntegersArePrintedAndLeftA
         {"integers", R"("apns-priority": 10, "mutable-content": 1)", 10, 1, {}},
         {"priority as text", R"("apns-priority": "10", "mutable-content": 1)", std::nullopt, 1,
          {"typeMismatch at apns-priority: Expected to decode Int64 but found a string instead."}},
-        {"both as text", R"("apns-priority": "5", "mutable-content": "1")", std::nullopt, std::nullopt,
-         {"typeMismatch at apns-priority: Expected to decode Int64 but found a string instead.",
-          "typeMismatch at mutable-content: Expected to decode Int64 but found a string instead."}},
         {"fraction and boolean", R"("apns-priority": 10.5, "mutable-content": true)", std::nullopt, std::nullopt,
          {"typeMismatch at apns-priority: Expected to decode Int64 but found a number instead.",
           "typeMismatch at mutable-content: Expected to decode Int64 but found a boolean instead."}},
@@ -138,21 +125,11 @@ TEST(ParsePushObj, PriorityAndMutableContentThatAreNotIntegersArePrintedAndLeftA
 }
 
 TEST(PushPayload, ValueWithoutJSONFormGivesNothingFromBothEntryPointsWithoutSerialisationLine) {
-    struct Case {
-        const char* name;
-        PlistValue value;
-    };
-    const std::vector<Case> cases = {
-        {"date", PlistValue(Date{1700000000})},
-        {"data", PlistValue(Data{0xde, 0xad})},
-        {"NaN", PlistValue(std::nan(""))},
-        {"infinity", PlistValue(std::numeric_limits<double>::infinity())},
-        {"date deep inside", PlistValue(PlistArray{PlistValue(PlistDictionary{{"when", PlistValue(Date{0})}})})},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& value : {PlistValue(Date{1700000000}), PlistValue(std::nan("")),
+                              PlistValue(PlistArray{PlistValue(PlistDictionary{{"when", PlistValue(Date{0})}})})}) {
+        SCOPED_TRACE(PlistValue::typeName(value.type()));
         auto userInfo = payload(kDirect);
-        userInfo["extra"] = c.value;
+        userInfo["extra"] = value;
         test::ConsoleCapture console;
         EXPECT_FALSE(TessraQuill::parsePushObj(userInfo).has_value());
         EXPECT_EQ(TessraQuill::getNotificationContent(userInfo, requestWith(userInfo)), nullptr);
@@ -171,28 +148,31 @@ TEST(PushPayload, TextThatIsNotUTF8CannotBeSerialisedAndIsReportedByBothEntryPoi
                                         "JSON serialization failed  The data couldn't be written: a string is not valid UTF-8."}));
 }
 
-TEST(GetNotificationContent, CampaignEntriesWinOverTheDirectPushAndShareTheRequestIdentifier) {
+TEST(GetNotificationContent, CampaignEntriesWinOverTheDirectPushAndFailuresPrintWhereTheRecordBroke) {
+    const std::string noAps = "Push Object failed  keyNotFound: No value associated with key \"aps\".";
     struct Case {
         const char* name;
         const char* json;
         std::vector<std::optional<std::string>> titles;
-        std::vector<std::string> linePrefixes;
+        std::vector<std::string> lines;
     };
     const std::vector<Case> cases = {
-        {"three entries in order", kCampaign, {"First", "Second", std::nullopt}, {"Push Object failed  "}},
-        {"direct push only", kDirect, {"Sale"}, {"Push Campaign object failed  "}},
+        {"three entries in order", kCampaign, {"First", "Second", std::nullopt}, {noAps}},
+        {"direct push only", kDirect, {"Sale"},
+         {"Push Campaign object failed  keyNotFound: No value associated with key \"p\"."}},
         {"both shapes: the campaign wins", R"({"aps": {"alert": {"title": "Direct"}}, "p": [{"t": "Entry", "o": {}}]})",
          {"Entry"}, {}},
         {"broken campaign falls back to the direct push",
          R"({"aps": {"alert": {"title": "Direct"}}, "p": [{"t": "no o"}]})", {"Direct"},
-         {"Push Campaign object failed  "}},
-        {"neither shape gives an empty list", R"({"x": 1})", {},
-         {"Push Object failed  ", "Push Campaign object failed  "}},
+         {"Push Campaign object failed  keyNotFound at p[0]: No value associated with key \"o\"."}},
+        {"neither shape gives an empty list", R"({"p": [{"o": {}}, {"o": {"actions": [{"action": "buy"}]}}]})", {},
+         {noAps, "Push Campaign object failed  keyNotFound at p[1].o.actions[0]: No value associated with key \"title\"."}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         test::ConsoleCapture console;
-        auto content = TessraQuill::getNotificationContent({}, requestWith(payload(c.json), "abc-123"));
+        // The user info argument is never read: the request's is.
+        auto content = TessraQuill::getNotificationContent(payload(kCampaign), requestWith(payload(c.json), "abc-123"));
         ASSERT_NE(content, nullptr);
         std::vector<std::optional<std::string>> titles;
         for (const auto& message : content->notification) {
@@ -200,70 +180,27 @@ TEST(GetNotificationContent, CampaignEntriesWinOverTheDirectPushAndShareTheReque
             EXPECT_EQ(message.notifId, "abc-123");
         }
         EXPECT_EQ(titles, c.titles);
-        auto lines = console.lines();
-        ASSERT_EQ(lines.size(), c.linePrefixes.size());
-        for (std::size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(lines[i].rfind(c.linePrefixes[i], 0), 0u) << lines[i];
+        EXPECT_EQ(console.lines(), c.lines);
     }
 }
 
-TEST(GetNotificationContent, ReadsTheRequestNotTheUserInfoArgument) {
-    test::ConsoleCapture console;
-    auto content = TessraQuill::getNotificationContent(payload(kCampaign), requestWith(payload(kDirect)));
-    ASSERT_NE(content, nullptr);
-    ASSERT_EQ(content->notification.size(), 1u);
-    EXPECT_EQ(content->notification[0].title, "Sale");
-}
-
-TEST(GetNotificationContent, FailurePrintsWhereTheRecordBroke) {
-    test::ConsoleCapture console;
-    auto content = TessraQuill::getNotificationContent(
-        {}, requestWith(payload(R"({"p": [{"o": {}}, {"o": {"actions": [{"action": "buy"}]}}]})")));
-    ASSERT_NE(content, nullptr);
-    EXPECT_TRUE(content->notification.empty());
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{
-                  "Push Object failed  keyNotFound: No value associated with key \"aps\".",
-                  "Push Campaign object failed  keyNotFound at p[1].o.actions[0]: No value associated with key \"title\"."}));
-}
-
-TEST(TessraReceivedObject, DirectPushFillsTheFlatRecordFromAlertAndN) {
-    auto parsed = TessraQuill::parsePushObj(payload(kDirect));
-    ASSERT_EQ(shapeOf(parsed), Shape::direct);
-    TessraReceivedObject message(std::get<PushObj>(*parsed).aps, "id-1");
-    EXPECT_EQ(message.notifId, "id-1");
+TEST(TessraReceivedObject, FillsTheFlatRecordFromADirectPushOrACampaignEntry) {
+    auto direct = TessraQuill::parsePushObj(payload(kDirect));
+    ASSERT_EQ(shapeOf(direct), Shape::direct);
+    TessraReceivedObject message(std::get<PushObj>(*direct).aps, "id-1");
     EXPECT_EQ(message.title, "Sale");
     EXPECT_EQ(message.impTracker, std::vector<std::string>{"https://t.example/imp"});
-    EXPECT_EQ(message.body, "Half price");
-    EXPECT_EQ(message.tag, "sale");
-    EXPECT_EQ(message.taskId, "task-9");
     EXPECT_EQ(message.el, 3);
-    ASSERT_TRUE(message.actions.has_value());
-    EXPECT_EQ(message.actions->at(0), (Action{"open", "Open", "app://sale"}));
+    EXPECT_EQ(message.actions, (std::vector<Action>{{"open", "Open", "app://sale"}}));
     EXPECT_EQ(message.data, (Conversion{"https://shop.example/sale", std::vector<std::string>{"https://t.example/conv"}}));
-    EXPECT_EQ(message.sound, std::nullopt);
 
-    // Without "n" the record still carries the id, the title and the trackers.
-    auto bare = TessraQuill::parsePushObj(payload(R"({"aps": {"alert": {"title": "Bare", "t": ["u"]}}})"));
-    ASSERT_EQ(shapeOf(bare), Shape::direct);
-    TessraReceivedObject expected;
-    expected.notifId = "id-2";
-    expected.title = "Bare";
-    expected.impTracker = std::vector<std::string>{"u"};
-    EXPECT_EQ(TessraReceivedObject(std::get<PushObj>(*bare).aps, "id-2"), expected);
-}
-
-TEST(TessraReceivedObject, CampaignEntryFillsTitleFromTAndTrackersFromI) {
-    auto parsed = TessraQuill::parsePushObj(payload(kCampaign));
-    ASSERT_EQ(shapeOf(parsed), Shape::campaign);
-    const auto& campaign = std::get<PCampaignObject>(*parsed);
-    TessraReceivedObject first(campaign.p.at(0), "id");
+    // A campaign entry: the title from "t", the trackers from "i".
+    auto campaign = TessraQuill::parsePushObj(payload(kCampaign));
+    ASSERT_EQ(shapeOf(campaign), Shape::campaign);
+    TessraReceivedObject first(std::get<PCampaignObject>(*campaign).p.at(0), "id");
     EXPECT_EQ(first.title, "First");
     EXPECT_EQ(first.impTracker, std::vector<std::string>{"https://t.example/1"});
-    EXPECT_EQ(first.body, "one");
     EXPECT_EQ(first.taskId, "a");
-    TessraReceivedObject third(campaign.p.at(2), "id");
-    EXPECT_EQ(third.title, std::nullopt);
-    EXPECT_EQ(third.vibrate, (std::vector<std::int64_t>{100, 50, 100}));
 }
 
 }  // namespace
