@@ -84,24 +84,6 @@ TEST_F(SandboxTest, AnnouncesItsHostsAndServesTheConfigurationDocumentThen304) {
     EXPECT_TRUE(again->body.empty());
 }
 
-TEST_F(SandboxTest, AnswersActivityPostsWith201AndListsThem) {
-    ASSERT_EQ(statusOf(activity(R"({"code":1})")), 201);
-    const json listed = requests("/v2/activity");
-    ASSERT_EQ(listed.size(), 1u);
-    EXPECT_EQ(listed[0]["method"], "POST");
-    EXPECT_EQ(listed[0]["query"], "type=mobile");
-    EXPECT_EQ(listed[0]["body"], R"({"code":1})");
-    EXPECT_EQ(listed[0]["status"], 201);
-    // Also printed on stdout, one JSON line per request.
-    EXPECT_TRUE(sandbox_->process().waitForLine(
-        [](const std::string& line) {
-            const json printed = json::parse(line, nullptr, false);
-            return printed.is_object() && printed.value("path", "") == "/v2/activity";
-        },
-        10s));
-    EXPECT_EQ(statusOf(http_->Delete("/_sandbox/requests")), 200);
-    EXPECT_EQ(requests(""), json::array());
-}
 
 TEST_F(SandboxTest, ScriptedFaultsHitTheNextRequestOnly) {
     struct Case {
@@ -136,19 +118,6 @@ TEST_F(SandboxTest, ScriptedFaultsHitTheNextRequestOnly) {
     }
 }
 
-TEST_F(SandboxTest, HttpSideServesAdFeedImagesTrackersAndCrashUploads) {
-    auto feed = http_->Get("/v1/display/track-id?page=demo&out=json");
-    ASSERT_EQ(statusOf(feed), 200);
-    const json md = json::parse(feed->body)["items"][0]["md"];
-    EXPECT_EQ(md["img"].get<std::string>().rfind("http://" + sandbox_->exported("TESSRA_AD_HOST") + "/img/", 0), 0u);
-    auto png = http_->Get("/img/ad.png");
-    ASSERT_EQ(statusOf(png), 200);
-    EXPECT_EQ(png->get_header_value("Content-Type"), "image/png");
-    EXPECT_EQ(statusOf(http_->Get("/t/impression?l2=sandbox-1")), 204);
-    EXPECT_EQ(statusOf(http_->Post("/post.php?ver=1.0&code=11", "stack=eA==", "application/x-www-form-urlencoded")),
-              200);
-    EXPECT_EQ(statusOf(http_->Get("/v2/activity")), 404);  // HTTPS-only route
-}
 
 TEST_F(SandboxTest, StopsCleanlyOnSigtermAndSigintKeepingItsLog) {
     for (int signal : {SIGTERM, SIGINT}) {
@@ -161,14 +130,6 @@ TEST_F(SandboxTest, StopsCleanlyOnSigtermAndSigintKeepingItsLog) {
     }
 }
 
-TEST_F(SandboxTest, RefusesBadArgumentsAndATakenPort) {
-    Sandbox bogus({"--bogus"});
-    EXPECT_FALSE(bogus.ready());
-    EXPECT_EQ(bogus.process().wait(30s), 2);
-    Sandbox second({"--https-port", std::to_string(sandbox_->port("TESSRA_TRACKING_HOST"))});
-    EXPECT_FALSE(second.ready());
-    EXPECT_EQ(second.process().wait(30s), 1);
-}
 
 // ---- tessra-host against the sandbox ---------------------------------------------
 

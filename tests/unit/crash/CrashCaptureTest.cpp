@@ -272,13 +272,6 @@ TEST_F(CrashCapture, FailedSignalRegistrationPrintsTheSystemsMessage) {
     EXPECT_EQ(console.lines(), std::vector<std::string>{"Signal registration for Killed failed: Invalid argument"});
 }
 
-TEST_F(CrashCapture, PathsAndTimes) {
-    EXPECT_EQ(JtCrashLogger::getLogPath(), logFolder());
-    std::filesystem::remove_all(logFolder());
-    EXPECT_EQ(JtCrashLogger::getLogFileName(), logFile());
-    EXPECT_TRUE(std::filesystem::is_directory(logFolder())) << "asking for the path creates the folder";
-    EXPECT_TRUE(std::regex_match(JtCrashLogger::getLogTimeString(), std::regex("[0-9]{8}_[0-9]{6}")));
-}
 
 }  // namespace
 }  // namespace tessrakite::test

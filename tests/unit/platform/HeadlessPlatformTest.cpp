@@ -56,41 +56,7 @@ TEST_F(HeadlessPlatformTest, AuthorizationAnswersAreTheInjectedOnes) {
     EXPECT_EQ(h.userNotificationCenter->lastAuthorizationOptions(), 7u);
 }
 
-TEST_F(HeadlessPlatformTest, TimeIntervalTriggersFireWhenTheRunLoopReachesThem) {
-    UNNotificationRequest request;
-    request.identifier = "reminder";
-    request.content.title = "Come back";
-    request.trigger = UNTimeIntervalNotificationTrigger{60, false};
-    h.userNotificationCenter->add(request, nullptr);
-    h.platform->runLoop->runFor(59);
-    EXPECT_EQ(h.userNotificationCenter->pending().size(), 1u);
-    EXPECT_TRUE(h.userNotificationCenter->delivered().empty());
-    h.platform->runLoop->runFor(2);
-    EXPECT_TRUE(h.userNotificationCenter->pending().empty());
-    ASSERT_EQ(h.userNotificationCenter->delivered().size(), 1u);
-    EXPECT_DOUBLE_EQ(h.userNotificationCenter->delivered()[0].date, 1'060.0);
 
-    // A removed request never fires.
-    request.identifier = "cancelled";
-    h.userNotificationCenter->add(request, nullptr);
-    h.userNotificationCenter->removePendingNotificationRequests({"cancelled"});
-    h.platform->runLoop->runFor(120);
-    EXPECT_EQ(h.userNotificationCenter->delivered().size(), 1u);
-}
-
-TEST_F(HeadlessPlatformTest, ApplicationEffectsAreObservable) {
-    Data received;
-    h.application->setDeviceTokenHandler([&](const Data& token) { received = token; });
-    h.application->registerForRemoteNotifications();
-    h.platform->runLoop->runUntilIdle(1.0);
-    EXPECT_EQ(received.size(), 32u);
-    auto url = Url::parse("https://example.com/a?b=c");
-    ASSERT_TRUE(url);
-    h.application->open(*url, nullptr);
-    EXPECT_FALSE(h.application->canOpenURL(*Url::parse("myapp://deep/link")));
-    EXPECT_EQ(recorded.names, (std::vector<std::string>{"registerForRemoteNotifications", "openURL"}));
-    EXPECT_EQ(recorded.args[1]["url"], "https://example.com/a?b=c");
-}
 
 }  // namespace
 }  // namespace tessrakite::platform::headless

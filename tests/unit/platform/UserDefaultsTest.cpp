@@ -94,27 +94,6 @@ TEST_F(UserDefaultsTest, ValuesReadBackUnchangedThroughAnotherConnectionAndRemov
     EXPECT_TRUE(std::isnan(reopened->doubleValue("nan").value_or(0)));
 }
 
-TEST_F(UserDefaultsTest, TypedReadsGiveNothingForAMissingKeyOrAnotherType) {
-    enum Read { kBool, kInt, kDouble, kString, kData, kArray, kDict };
-    const std::vector<std::tuple<const char*, std::optional<PlistValue>, std::vector<Read>>> cases = {
-        {"missing", std::nullopt, {}}, {"bool", true, {kBool}}, {"integer (also a double)", 7, {kInt, kDouble}},
-        {"double", 7.0, {kDouble}}, {"date", Date{7}, {}}, {"dictionary", PlistDictionary{{"7", 7}}, {kDict}}};
-    auto store = open();
-    ASSERT_TRUE(store);
-    for (const auto& [key, stored, readable] : cases) {
-        if (stored) store->set(key, *stored);
-        auto can = [&readable = readable](Read r) { return std::count(readable.begin(), readable.end(), r) == 1; };
-        EXPECT_EQ(store->boolValue(key).has_value(), can(kBool)) << key;
-        EXPECT_EQ(store->integer(key).has_value(), can(kInt)) << key;
-        EXPECT_EQ(store->doubleValue(key).has_value(), can(kDouble)) << key;
-        EXPECT_EQ(store->string(key).has_value(), can(kString)) << key;
-        EXPECT_EQ(store->data(key).has_value(), can(kData)) << key;
-        EXPECT_EQ(store->array(key).has_value(), can(kArray)) << key;
-        EXPECT_EQ(store->dictionary(key).has_value(), can(kDict)) << key;
-    }
-    EXPECT_EQ(store->doubleValue("integer (also a double)"), 7.0);
-    EXPECT_EQ(store->boolValue("bool"), true);
-}
 
 TEST_F(UserDefaultsTest, SuitesLiveInPrivateFilesInTheirAppGroupFolder) {
     auto a = userDefaults("group.com.example.one");
