@@ -59,6 +59,13 @@ struct TESSRA_EXPORT UNNotification {
     UNNotificationRequest request;
 };
 
+/// Action options, combined as a bit set.
+namespace UNNotificationActionOptions {
+inline constexpr unsigned authenticationRequired = 1u << 0;
+inline constexpr unsigned destructive = 1u << 1;
+inline constexpr unsigned foreground = 1u << 2;
+}  // namespace UNNotificationActionOptions
+
 struct TESSRA_EXPORT UNNotificationAction {
     std::string identifier;
     std::string title;
@@ -70,6 +77,15 @@ struct TESSRA_EXPORT UNNotificationCategory {
     std::vector<UNNotificationAction> actions;
     std::vector<std::string> intentIdentifiers;
     unsigned options = 0;
+};
+
+/// The action identifier of a tap on the notification itself.
+inline constexpr const char* UNNotificationDefaultActionIdentifier = "com.apple.UNNotificationDefaultActionIdentifier";
+
+/// What the user did with a delivered notification: tapped it or one of its buttons.
+struct TESSRA_EXPORT UNNotificationResponse {
+    UNNotification notification;
+    std::string actionIdentifier = UNNotificationDefaultActionIdentifier;
 };
 
 /// The user-notification centre. Completions may run on any thread.
