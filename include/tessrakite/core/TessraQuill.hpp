@@ -11,7 +11,10 @@
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/core/TessraQuillDelegate.hpp>
+#include <tessrakite/platform/Device.hpp>
+#include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/PlistValue.hpp>
+#include <tessrakite/platform/Url.hpp>
 #include <tessrakite/platform/UrlSession.hpp>
 #include <tessrakite/platform/UserNotificationCenter.hpp>
 
@@ -19,6 +22,9 @@
 #include <memory>
 #include <optional>
 #include <variant>
+#include <tessrakite/push/Action.hpp>
+#include <tessrakite/push/Conversion.hpp>
+#include <tessrakite/push/N.hpp>
 #include <tessrakite/push/NotificationObject.hpp>
 #include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushObj.hpp>
@@ -97,6 +103,49 @@ public:
     static void cancelScheduledNotifications();
     /// The reminder's title from the next scheduling on.
     static void setNotification(const std::string& text);
+
+    // ---- Notification service (called from the app's service extension) ----
+    using ContentHandler = std::function<void(platform::UNNotificationContent)>;
+    /// Fills `best` from the push (campaign fetch, title, body, sound, buttons, image) and
+    /// hands it to `completion`, later, from a network completion or the main queue.
+    /// Returns the category identifier the message gets; nothing when the payload does not
+    /// decode or push is off (then `best` is handed back unchanged).
+    static std::optional<std::string> didReceiveNotification(const platform::UNNotificationRequest& request,
+                                                             platform::UNMutableNotificationContent best,
+                                                             ContentHandler completion);
+    /// The extension's time is up: hands `best` over as it stands (nothing while push is off).
+    static void notificationBuilderWillTerminate(const PlistDictionary& userInfo,
+                                                 platform::UNMutableNotificationContent best,
+                                                 ContentHandler completion);
+    /// Badge counter kept in "tx_badge"; shown on `forNotif` when given, else on the app icon.
+    static void addNotificationCount(platform::UNMutableNotificationContent* forNotif);
+    static void decreseNotificationCount(platform::UNMutableNotificationContent* forNotif);
+    static void setAppBadge(std::int64_t value);
+    /// The size a content extension asks for: (screen width, 120) for a compact message
+    /// (el 3), else (screen width, screen width × 0.8).
+    static platform::Size getPreferedContentSize(const platform::UNNotification& with);
+    static void downloadImage(const std::optional<Url>& from,
+                              std::function<void(std::shared_ptr<platform::Image>)> success,
+                              std::function<void(std::string)> failure);
+    static void setSoundFor(platform::UNMutableNotificationContent& notification, const N& with);
+    static void checkTagAnddeletePreviousMessagesWith(const std::optional<std::string>& tag,
+                                                      const std::string& norificationId);
+    static void cleanOldData(const platform::UNNotificationRequest& withNew);
+
+    // ---- Opens and conversions ----
+    /// Reports the conversion trackers of the opened notification, then opens the URL of
+    /// the chosen action (`open` true) or hands it to `completion` (`open` false).
+    static void pushTrackOpen(bool open, const platform::UNNotificationResponse& response,
+                              std::function<void(std::optional<std::string>)> completion);
+    static void saveUrl(const std::optional<Action>& with, const std::string& notificationId);
+    static void saveConversions(const std::optional<Conversion>& with, const std::string& notificationId);
+    static void deletePreviousConversionsWith(const std::string& notificationId);
+    static void deletePreviousUrlsWith(const std::string& notificationId);
+    /// Web links open through the application; any other scheme goes to the delegate's handleURL.
+    static void openDeepOrUrl(const Url& url, const std::optional<std::string>& conversion);
+    /// Posts the stored campaign again one second later as "uniq" (gated on "tx_mavo" and
+    /// "tx_eEndpoint").
+    static void renotify(const platform::UNNotificationRequest& withRequest);
 
     // Push payloads (declared here by the push records work).
 

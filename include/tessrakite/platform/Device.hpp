@@ -11,6 +11,11 @@ struct Rect {
     friend bool operator==(const Rect&, const Rect&) = default;
 };
 
+struct Size {
+    double width = 0, height = 0;
+    friend bool operator==(const Size&, const Size&) = default;
+};
+
 enum class DeviceOrientation { unknown, portrait, portraitUpsideDown, landscapeLeft, landscapeRight, faceUp, faceDown };
 
 /// The main screen.

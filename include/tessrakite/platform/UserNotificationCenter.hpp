@@ -24,9 +24,18 @@ struct TESSRA_EXPORT UNNotificationSettings {
     UNAuthorizationStatus authorizationStatus = UNAuthorizationStatus::notDetermined;
 };
 
+class Image;
+
 struct TESSRA_EXPORT UNNotificationAttachment {
     std::string identifier;
     std::string url;  // a file path
+    PlistDictionary options;
+
+    /// Writes `image` as "<identifier>.png" in a folder of this process's own under the
+    /// temporary directory and returns the attachment for it; nothing (after a console
+    /// line "error <description>") when the file cannot be written.
+    static std::optional<UNNotificationAttachment> create(const std::string& identifier, const Image& image,
+                                                          const PlistDictionary& options);
 };
 
 /// The content of a notification (the mutable form; read-only copies are the same type).
