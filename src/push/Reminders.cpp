@@ -5,6 +5,7 @@
 #include <tessrakite/platform/Platform.hpp>
 
 #include "core/FacadeState.hpp"
+#include "push/PushInternal.hpp"
 
 namespace tessrakite {
 
@@ -12,6 +13,9 @@ namespace {
 // One fixed identifier, so that there is only ever one reminder and a new one replaces it.
 constexpr const char* kReminderIdentifier = "UUID().uuidString";
 constexpr double kMinimumInterval = 60;
+// Fixed, so a newer re-notification replaces a pending older one.
+constexpr const char* kRenotifyIdentifier = "uniq";
+constexpr double kRenotifyDelay = 1.0;
 }  // namespace
 
 void TessraQuill::createScheduledNotification(double delay) {
@@ -59,6 +63,37 @@ void TessraQuill::setNotification(const std::string& text) {
         storage.defaultStorage->synchronize();
     } catch (const std::exception& e) {
         Console::print(std::string("setNotification failed: ") + e.what());
+    }
+}
+
+void TessraQuill::renotify(const platform::UNNotificationRequest&) {
+    try {
+        auto& storage = storageManager();
+        if (!detail::storedSwitch(storage, StorageKey::mavo)) return;
+        auto endpoint = storage.getE();
+        if (!endpoint) return;
+        tessraRequest().campaignGet(*endpoint, [](std::optional<PCampaignObject> campaign) {
+            if (!campaign || campaign->p.empty()) return;
+            try {
+                const P& entry = campaign->p.front();
+                platform::UNMutableNotificationContent content;
+                detail::fillFromEntry(content, entry, campaign->dictionary(), kRenotifyIdentifier,
+                                      detail::newCategoryIdentifier());
+                detail::attachImageThen(entry.o.image, std::move(content),
+                                        [](platform::UNMutableNotificationContent filled) {
+                                            platform::UNNotificationRequest again;
+                                            again.identifier = kRenotifyIdentifier;
+                                            again.content = std::move(filled);
+                                            again.trigger = platform::UNTimeIntervalNotificationTrigger{kRenotifyDelay, false};
+                                            platform::currentPlatform()->userNotificationCenter->add(std::move(again),
+                                                                                                    nullptr);
+                                        });
+            } catch (const std::exception& e) {
+                Console::print(std::string("renotify failed: ") + e.what());
+            }
+        });
+    } catch (const std::exception& e) {
+        Console::print(std::string("renotify failed: ") + e.what());
     }
 }
 
