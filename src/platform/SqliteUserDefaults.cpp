@@ -1,30 +1,26 @@
 #include "platform/SqliteUserDefaults.hpp"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <ctime>
 #include <limits>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <tessrakite/platform/Console.hpp>
-#include <tessrakite/platform/FileRoots.hpp>
 
+#include "platform/SqliteFile.hpp"
 #include "platform/StoredValue.hpp"
 
 namespace tessrakite::platform {
 namespace {
 
 using stored::StoredType;
+using sqlitefile::BusyWait;
+using sqlitefile::busyHandler;
+using sqlitefile::isCorruption;
 using namespace std::chrono_literals;
 
 constexpr const char* kCreateTable =
@@ -40,11 +36,6 @@ constexpr const char* kDelete = "DELETE FROM defaults WHERE key = ?1";
 // A process's cache holds the keys it reads; a host reading arbitrary keys must not grow
 // it without bound.
 constexpr std::size_t kMaxCachedKeys = 4096;
-
-bool isCorruption(int rc) {
-    int primary = rc & 0xFF;
-    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
-}
 
 struct StringHash {
     using is_transparent = void;
@@ -161,23 +152,6 @@ bool bindValue(sqlite3_stmt* s, const PlistValue& v, std::string& scratch) {
     return false;
 }
 
-// SQLite's default handler sleeps in steps of up to 100 ms. Our transactions last
-// microseconds, so poll often at first: waiting processes then get their turn while the
-// others are still busy, instead of sleeping through the whole burst.
-struct BusyWait {
-    std::chrono::milliseconds timeout;
-    std::chrono::steady_clock::time_point since;
-};
-
-int busyHandler(void* context, int count) {
-    auto* wait = static_cast<BusyWait*>(context);
-    auto now = std::chrono::steady_clock::now();
-    if (count == 0) wait->since = now;
-    if (now - wait->since >= wait->timeout) return 0;
-    std::this_thread::sleep_for(count < 20 ? 100us : count < 200 ? 1ms : 5ms);
-    return 1;
-}
-
 // A lock-free "did any connection commit?" test. Every commit rewrites the WAL-index
 // header at the start of the -shm file (the first 48-byte copy is written last), and its
 // change counter moves with each transaction. While those bytes are unchanged no commit
@@ -234,19 +208,6 @@ private:
     std::optional<std::array<std::uint32_t, kWords>> acknowledged_;
 };
 
-std::string asideName(const std::filesystem::path& file) {
-    std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&now, &utc);
-    char stamp[32] = {};
-    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
-    std::string base = file.string() + ".corrupt-" + stamp;
-    std::string name = base;
-    std::error_code ec;
-    for (int n = 2; std::filesystem::exists(name, ec); ++n) name = base + "-" + std::to_string(n);
-    return name;
-}
-
 }  // namespace
 
 struct SqliteUserDefaults::Impl {
@@ -272,10 +233,7 @@ struct SqliteUserDefaults::Impl {
     sqlite3_stmt* rollbackStmt = nullptr;
     BusyWait busy;
     WalHeaderWatch walHeader;
-    // The file the connection was opened on, so that recovery never moves aside a
-    // database another process has already put in its place.
-    dev_t fileDevice = 0;
-    ino_t fileInode = 0;
+    sqlitefile::FileIdentity fileIdentity;
 
     std::optional<sqlite3_int64> dataVersion;
     // What this process knows of the store; nullopt records a missing key.
@@ -317,25 +275,7 @@ struct SqliteUserDefaults::Impl {
     }
 
     Opened tryConnect(std::string& why) {
-        auto folder = file.parent_path();
-        if (!folder.empty() && !FileRoots::ensureDirectory(folder)) {
-            why = "cannot create the folder " + folder.string();
-            return Opened::failed;
-        }
-        // Create the file ourselves: SQLite gives the -wal and -shm files the mode of the
-        // database, so all three stay private to the user.
-        int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0) {
-            why = std::strerror(errno);
-            return Opened::failed;
-        }
-        struct stat st {};
-        if (::fstat(fd, &st) == 0) {
-            fileDevice = st.st_dev;
-            fileInode = st.st_ino;
-            if (st.st_mode & 077) ::fchmod(fd, st.st_mode & 0700);
-        }
-        ::close(fd);
+        if (!sqlitefile::createPrivateFile(file, fileIdentity, why)) return Opened::failed;
 
         int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                                  nullptr);
@@ -431,33 +371,7 @@ struct SqliteUserDefaults::Impl {
         dataVersion.reset();
     }
 
-    // Renames the damaged database (and its WAL) out of the way. Under a lock on the
-    // folder, and only if the file is still the one we found damaged: when several
-    // processes find the damage, one moves it and the others use its new database.
-    void moveAside(const std::string& why) {
-        int dirfd = ::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dirfd >= 0) ::flock(dirfd, LOCK_EX);
-        struct stat st {};
-        if (::stat(file.c_str(), &st) == 0 && st.st_dev == fileDevice && st.st_ino == fileInode) {
-            std::string aside = asideName(file);
-            std::error_code ec;
-            std::filesystem::rename(file, aside, ec);
-            if (ec) {
-                Console::print("UserDefaults: " + file.string() + " is unreadable (" + why +
-                               ") and cannot be moved aside: " + ec.message());
-            } else {
-                // A WAL left next to a new database would be replayed into it.
-                std::error_code ignored;
-                for (const char* suffix : {"-wal", "-journal"})
-                    if (std::filesystem::exists(file.string() + suffix, ignored))
-                        std::filesystem::rename(file.string() + suffix, aside + suffix, ignored);
-                std::filesystem::remove(file.string() + "-shm", ignored);
-                Console::print("UserDefaults: " + file.string() + " was unreadable (" + why + "); moved it to " +
-                               aside + " and started an empty store");
-            }
-        }
-        if (dirfd >= 0) ::close(dirfd);  // releases the lock
-    }
+    void moveAside(const std::string& why) { sqlitefile::moveAside(file, fileIdentity, why, "UserDefaults"); }
 
     // A statement reported damage while running: start over on a fresh file.
     bool recover(int rc) {

@@ -87,12 +87,23 @@ private:
     std::map<BackgroundTaskIdentifier, std::pair<std::string, std::function<void()>>> tasks_;
 };
 
+/// The user-notification centre of one application, shared by the app and its extensions
+/// as the phone's system service is: pending requests, delivered notifications and
+/// categories live in FileRoots::appFolder(<app bundle id>)/notifications.sqlite, where
+/// the app bundle id is the main bundle's, or the containing application's when the main
+/// bundle is an extension (App.app/PlugIns/X.appex). The file is opened at first use.
+/// Queries answer on a serial queue of the centre's own, never on the main queue.
+/// Time-interval triggers fire from the run loop; details in docs/platform.md.
 class TESSRA_EXPORT HeadlessUserNotificationCenter final : public UserNotificationCenter {
 public:
     /// The authorization answer arrives on `answerQueue` (the main queue when none), off
-    /// the main thread as on the phone.
+    /// the main thread as on the phone. The run loop's runUntilIdle waits for the queries
+    /// this centre is answering.
     HeadlessUserNotificationCenter(std::shared_ptr<Effects> effects, std::shared_ptr<RunLoop> runLoop,
                                    std::shared_ptr<Clock> clock, std::shared_ptr<SerialQueue> answerQueue = nullptr);
+    ~HeadlessUserNotificationCenter() override;
+    HeadlessUserNotificationCenter(const HeadlessUserNotificationCenter&) = delete;
+    HeadlessUserNotificationCenter& operator=(const HeadlessUserNotificationCenter&) = delete;
 
     void requestAuthorization(unsigned options,
                               std::function<void(bool granted, std::optional<std::string> error)> completion) override;
@@ -112,7 +123,9 @@ public:
     /// the settings report afterwards.
     void setAuthorizationAnswer(bool granted, UNAuthorizationStatus status);
     void setAuthorizationStatus(UNAuthorizationStatus status);
+    /// The shared state as it is now, whichever process changed it.
     std::vector<UNNotificationRequest> pending() const;
+    /// In delivery order, oldest first.
     std::vector<UNNotification> delivered() const;
     std::vector<UNNotificationCategory> categories() const;
     /// Options passed to the last authorization request, if any.
@@ -123,21 +136,20 @@ public:
     static nlohmann::ordered_json toJSON(const std::optional<UNTimeIntervalNotificationTrigger>& trigger);
 
 private:
-    void deliver(const std::string& identifier, std::uint64_t generation);
+    struct Shared;
 
     std::shared_ptr<Effects> effects_;
     std::shared_ptr<RunLoop> runLoop_;
     std::shared_ptr<Clock> clock_;
     std::shared_ptr<SerialQueue> answerQueue_;
+    std::shared_ptr<Shared> shared_;
     mutable std::mutex mutex_;
     bool answerGranted_ = true;
     UNAuthorizationStatus answerStatus_ = UNAuthorizationStatus::authorized;
     UNAuthorizationStatus status_ = UNAuthorizationStatus::notDetermined;
     std::optional<unsigned> lastOptions_;
-    std::map<std::string, std::pair<UNNotificationRequest, std::uint64_t>> pending_;
-    std::uint64_t generation_ = 0;
-    std::vector<UNNotification> delivered_;
-    std::vector<UNNotificationCategory> categories_;
+    // Last member: destroyed first, so queued answers finish while the rest is alive.
+    std::shared_ptr<SerialQueue> queries_;
 };
 
 class TESSRA_EXPORT HeadlessScreen final : public Screen {
