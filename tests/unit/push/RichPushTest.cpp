@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -125,6 +127,28 @@ TEST_F(RichPush, OnlyHttpUrlsOfJpegOrPngAreDownloaded) {
             EXPECT_TRUE(content.attachments.empty());
         }
     }
+}
+
+TEST_F(RichPush, ADownloadedImageBecomesAPngAttachment) {
+    // A 3 x 2 picture written as PNG by the platform's own writer, served as the image.
+    std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[3 * 2 * 4], std::default_delete<std::uint8_t[]>());
+    for (int i = 0; i < 3 * 2 * 4; ++i) pixels.get()[i] = static_cast<std::uint8_t>(i * 10);
+    const auto source = home->path() / "source.png";
+    ASSERT_FALSE(platform::Image(3, 2, pixels).writePNG(source));
+    std::ifstream in(source, std::ios::binary);
+    const std::string png((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    backend->on("GET", "/img/photo.png", Answer::text(png).header("Content-Type", "image/png"));
+
+    auto content = receive(campaign({{"image", backend->httpBase() + "/img/photo.png"}}), "pictured");
+    ASSERT_EQ(content.attachments.size(), 1u);
+    EXPECT_EQ(content.attachments[0].identifier, "id");
+    EXPECT_EQ(std::filesystem::path(content.attachments[0].url).filename(), "id.png");
+    std::ifstream written(content.attachments[0].url, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
+    auto image = platform::Image::decode(Data(bytes.begin(), bytes.end()));
+    ASSERT_TRUE(image);
+    EXPECT_EQ(std::memcmp(image->rgba(), pixels.get(), 3 * 2 * 4), 0);
+    EXPECT_TRUE(console->contains("Download Finished"));
 }
 
 TEST_F(RichPush, ACampaignEndpointIsFetchedAndRemembered) {
