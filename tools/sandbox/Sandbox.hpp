@@ -17,6 +17,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "Images.hpp"
+
 namespace tessrakite::sandbox {
 
 using Json = nlohmann::ordered_json;
@@ -139,6 +141,7 @@ private:
     int httpsPort_ = 0;
     int httpPort_ = 0;
     std::unique_ptr<RequestLog> log_;
+    std::shared_ptr<const ImageLibrary> images_;
     FaultBook faults_;
     std::thread httpsThread_;
     std::thread httpThread_;
