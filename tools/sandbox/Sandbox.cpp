@@ -560,7 +560,6 @@ Sandbox::Sandbox(Options options) : startedAt_(std::time(nullptr)) {
     const CertificateFiles certificates = prepareCertificates(state_ / "ca");
     authority_ = certificates.authority;
     log_ = std::make_unique<RequestLog>(state_ / "requests.jsonl");
-    images_ = std::make_shared<const ImageLibrary>();
 
     https_ = std::make_unique<httplib::SSLServer>(certificates.certificate.c_str(), certificates.key.c_str());
     if (!https_->is_valid()) throw std::runtime_error("cannot load " + certificates.certificate.string());
@@ -574,6 +573,20 @@ Sandbox::Sandbox(Options options) : startedAt_(std::time(nullptr)) {
 Sandbox::~Sandbox() { stop(); }
 
 void Sandbox::start() {
+    imagesThread_ = std::thread([this] {
+        std::shared_ptr<const ImageLibrary> drawn;
+        try {
+            drawn = std::make_shared<const ImageLibrary>();
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "tessra-sandbox: cannot draw the images: %s\n", error.what());
+        }
+        {
+            std::lock_guard lock(imagesMutex_);
+            images_ = std::move(drawn);
+            imagesDone_ = true;
+        }
+        imagesDrawn_.notify_all();
+    });
     httpsThread_ = std::thread([this] {
         https_->listen_after_bind();
         httpsFinished_ = true;
@@ -593,7 +606,15 @@ void Sandbox::stop() {
     stopSignal_.notify_all();  // cut scripted delays short
     stopServer(*https_, httpsThread_, httpsFinished_);
     stopServer(*http_, httpThread_, httpFinished_);
+    if (imagesThread_.joinable()) imagesThread_.join();
     log_->flush();
+}
+
+std::shared_ptr<const ImageLibrary> Sandbox::images() {
+    std::unique_lock lock(imagesMutex_);
+    imagesDrawn_.wait(lock, [this] { return imagesDone_; });
+    if (!images_) throw std::runtime_error("the images could not be drawn");
+    return images_;
 }
 
 std::vector<std::string> Sandbox::exportLines() const {
@@ -765,11 +786,12 @@ void Sandbox::tracker(const Request&, Response& res) { res.status = 204; }
 // GET "/img/<name>": the generated images, shared by every request; "huge.jpg" is streamed.
 void Sandbox::image(const Request& req, Response& res) {
     const std::string name = req.path.substr(std::string_view("/img/").size());
+    const std::shared_ptr<const ImageLibrary> images = this->images();
     if (name == "huge.jpg") {
         // The photo's bytes over and over: a JPEG at the start, and never all in memory.
         res.status = 200;
         res.set_content_provider(ImageLibrary::kHugeBytes, "image/jpeg",
-                                 [images = images_](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                                 [images](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
                                      const std::string& photo = images->find("photo.jpg")->bytes;
                                      const std::size_t from = offset % photo.size();
                                      const std::size_t n = std::min({length, photo.size() - from, std::size_t{65536}});
@@ -777,7 +799,7 @@ void Sandbox::image(const Request& req, Response& res) {
                                  });
         return;
     }
-    const Image* image = images_->find(name);
+    const Image* image = images->find(name);
     if (image == nullptr) return sendJson(res, 404, {{"error", "not found"}});
     res.status = 200;
     res.set_content(image->bytes, image->type);
