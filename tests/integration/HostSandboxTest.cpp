@@ -14,9 +14,18 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+// Static, so that it cannot clash with a decoder linked in from the library.
+#define STB_IMAGE_IMPLEMENTATION
+#define STB_IMAGE_STATIC
+#define STBI_ONLY_JPEG
+#define STBI_ONLY_PNG
+#define STBI_ONLY_GIF
+#include <stb/stb_image.h>
 
 #include "ChildProcess.hpp"
 #include "FakeBackend.hpp"
@@ -116,6 +125,78 @@ TEST_F(SandboxTest, ScriptedFaultsHitTheNextRequestOnly) {
         ASSERT_EQ(statusOf(answer), 400);
         EXPECT_TRUE(json::parse(answer->body).contains("error"));
     }
+}
+
+
+TEST_F(SandboxTest, ServesRealImagesOfTheirClaimedSizeAndBrokenOnesUnderImageNames) {
+    struct Case {
+        const char* name;
+        int status;
+        const char* type;
+        int width, height;  // 0: does not decode
+    };
+    const std::vector<Case> cases = {
+        {"photo.jpg", 200, "image/jpeg", 1600, 1200},  {"banner.jpeg", 200, "image/jpeg", 1024, 512},
+        {"card.png", 200, "image/png", 600, 400},      {"campaign.png", 200, "image/png", 600, 400},
+        {"ad.png", 200, "image/png", 32, 32},          {"ad.gif", 200, "image/gif", 16, 16},
+        {"truncated.jpg", 200, "image/jpeg", 0, 0},    {"html.jpg", 200, "text/html; charset=utf-8", 0, 0},
+        {"missing.jpg", 404, "application/json", 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto answer = http_->Get(std::string("/img/") + c.name);
+        ASSERT_EQ(statusOf(answer), c.status);
+        EXPECT_EQ(answer->get_header_value("Content-Type"), c.type);
+        int width = 0, height = 0, channels = 0;
+        stbi_uc* pixels = stbi_load_from_memory(reinterpret_cast<const stbi_uc*>(answer->body.data()),
+                                                static_cast<int>(answer->body.size()), &width, &height, &channels, 0);
+        EXPECT_EQ(pixels ? width : 0, c.width);
+        EXPECT_EQ(pixels ? height : 0, c.height);
+        stbi_image_free(pixels);
+        if (std::string_view(c.name) == "photo.jpg") {
+            EXPECT_GT(answer->body.size(), 800'000u);
+            EXPECT_LT(answer->body.size(), 1'500'000u);
+        }
+    }
+    std::size_t huge = 0;
+    auto streamed = http_->Get("/img/huge.jpg", [&](const char*, std::size_t length) {
+        huge += length;
+        return true;
+    });
+    EXPECT_EQ(statusOf(streamed), 200);
+    EXPECT_GE(huge, 50u * 1024 * 1024);
+}
+
+
+TEST_F(SandboxTest, ThePhotoCampaignIsARichPushWhoseTrackersAnswer204AndAreLogged) {
+    auto answer = https_->Get("/v2/campaign/photo?c=1&ver=2.0");
+    ASSERT_EQ(statusOf(answer), 200);
+    const json campaign = json::parse(answer->body);
+    const json& push = campaign["p"][0];
+    const json& message = push["o"];
+    EXPECT_TRUE(push["t"].is_string());
+    EXPECT_TRUE(message["body"].is_string());
+    EXPECT_TRUE(message["tag"].is_string());
+    const std::string http = "http://" + sandbox_->exported("TESSRA_AD_HOST");
+    EXPECT_EQ(message["image"], http + "/img/photo.jpg");
+    ASSERT_EQ(message["actions"].size(), 2u);
+    EXPECT_EQ(message["actions"][0]["url"].get<std::string>().rfind(http + "/landing", 0), 0u);
+    EXPECT_EQ(message["actions"][1]["url"].get<std::string>().rfind("tessra://", 0), 0u);
+    EXPECT_EQ(message["data"]["t"].size(), 2u);
+
+    std::vector<std::string> trackers;
+    for (const json* list : {&push["i"], &message["data"]["t"], &campaign["t"]})
+        for (const auto& url : *list) trackers.push_back(url);
+    for (const std::string& url : trackers) {
+        SCOPED_TRACE(url);
+        ASSERT_EQ(url.rfind(http + "/t/", 0), 0u);
+        EXPECT_EQ(statusOf(http_->Get(url.substr(http.size()))), 204);
+    }
+    EXPECT_EQ(requests("/t/").size(), trackers.size());
+
+    auto broken = https_->Get("/v2/campaign/broken&ver=2.0");
+    ASSERT_EQ(statusOf(broken), 200);
+    EXPECT_TRUE(json::parse(broken->body, nullptr, false).is_discarded());
 }
 
 

@@ -203,132 +203,6 @@ void truncateResponse(Response& res) {
                              });
 }
 
-// ---- Generated images: tiny, valid, and with no image library involved. ----
-
-void putBigEndian32(std::string& out, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>((value >> shift) & 0xFFu);
-}
-
-void putLittleEndian16(std::string& out, std::uint32_t value) {
-    out += static_cast<char>(value & 0xFFu);
-    out += static_cast<char>((value >> 8) & 0xFFu);
-}
-
-std::uint32_t crc32(std::string_view data) {
-    std::uint32_t crc = 0xFFFFFFFFu;
-    for (char c : data) {
-        crc ^= static_cast<unsigned char>(c);
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
-
-void pngChunk(std::string& png, std::string_view type, std::string_view data) {
-    putBigEndian32(png, static_cast<std::uint32_t>(data.size()));
-    std::string typed(type);
-    typed += data;
-    png += typed;
-    putBigEndian32(png, crc32(typed));
-}
-
-/// A 32x32 RGB PNG with diagonal stripes; its pixels sit in one stored (uncompressed) deflate block.
-std::string makePng() {
-    constexpr std::uint32_t kSize = 32;
-    std::string raw;
-    for (std::uint32_t y = 0; y < kSize; ++y) {
-        raw += '\0';  // filter: none
-        for (std::uint32_t x = 0; x < kSize; ++x) {
-            const bool stripe = ((x + y) / 8) % 2 == 0;
-            raw += stripe ? std::string("\x1b\x8a\x8c", 3) : std::string("\xf2\x9e\x4c", 3);
-        }
-    }
-    std::string zlib("\x78\x01", 2);
-    zlib += '\x01';  // final stored block
-    const auto length = static_cast<std::uint32_t>(raw.size());
-    putLittleEndian16(zlib, length);
-    putLittleEndian16(zlib, ~length & 0xFFFFu);
-    zlib += raw;
-    std::uint32_t a = 1, b = 0;
-    for (char c : raw) {
-        a = (a + static_cast<unsigned char>(c)) % 65521u;
-        b = (b + a) % 65521u;
-    }
-    putBigEndian32(zlib, (b << 16) | a);
-
-    std::string header;
-    putBigEndian32(header, kSize);
-    putBigEndian32(header, kSize);
-    header += std::string("\x08\x02\x00\x00\x00", 5);  // 8-bit RGB, no interlace
-    std::string png("\x89PNG\r\n\x1a\n", 8);
-    pngChunk(png, "IHDR", header);
-    pngChunk(png, "IDAT", zlib);
-    pngChunk(png, "IEND", "");
-    return png;
-}
-
-/// A looping two-frame 16x16 GIF. The LZW stream restarts its table every two pixels, so every
-/// code stays 3 bits wide and no compressor is needed.
-std::string makeGif() {
-    constexpr std::uint32_t kSize = 16;
-    constexpr std::uint32_t kClear = 4, kEnd = 5, kCodeBits = 3;
-    std::string gif = "GIF89a";
-    putLittleEndian16(gif, kSize);
-    putLittleEndian16(gif, kSize);
-    gif += '\x91';  // global colour table of 4 entries
-    gif += std::string("\x00\x00", 2);
-    gif += std::string("\xff\xff\xff\x1b\x8a\x8c\xf2\x9e\x4c\x20\x20\x20", 12);
-    gif += std::string("\x21\xff\x0bNETSCAPE2.0\x03\x01\x00\x00\x00", 19);  // loop forever
-    for (std::uint32_t frame = 0; frame < 2; ++frame) {
-        gif += std::string("\x21\xf9\x04\x00", 4);
-        putLittleEndian16(gif, 50);  // half a second per frame
-        gif += std::string("\x00\x00", 2);
-        gif += '\x2c';
-        putLittleEndian16(gif, 0);
-        putLittleEndian16(gif, 0);
-        putLittleEndian16(gif, kSize);
-        putLittleEndian16(gif, kSize);
-        gif += '\x00';
-        gif += '\x02';  // LZW minimum code size
-
-        std::string data;
-        std::uint32_t bits = 0, count = 0;
-        auto put = [&](std::uint32_t code) {
-            bits |= code << count;
-            count += kCodeBits;
-            while (count >= 8) {
-                data += static_cast<char>(bits & 0xFFu);
-                bits >>= 8;
-                count -= 8;
-            }
-        };
-        for (std::uint32_t i = 0; i < kSize * kSize; ++i) {
-            if (i % 2 == 0) put(kClear);
-            const std::uint32_t x = i % kSize, y = i / kSize;
-            put(((x / 4 + y / 4 + frame) % 2) == 0 ? 1u : 2u);
-        }
-        put(kEnd);
-        if (count > 0) data += static_cast<char>(bits & 0xFFu);
-        for (std::size_t offset = 0; offset < data.size(); offset += 255) {
-            const std::size_t n = std::min<std::size_t>(255, data.size() - offset);
-            gif += static_cast<char>(n);
-            gif += data.substr(offset, n);
-        }
-        gif += '\x00';
-    }
-    gif += '\x3b';
-    return gif;
-}
-
-const std::string& pngImage() {
-    static const std::string image = makePng();
-    return image;
-}
-
-const std::string& gifImage() {
-    static const std::string image = makeGif();
-    return image;
-}
-
 // ---- Built-in documents. ----
 
 Json defaultConfigDocument() {
@@ -338,19 +212,74 @@ Json defaultConfigDocument() {
             {"url", Json::object()}};
 }
 
-Json sampleCampaign(const std::string& id, const std::string& http) {
+/// The campaign GET /v2/campaign/<id> answers when the state folder has none. A few ids each
+/// show one case an app meets in the field (see docs/sandbox.md); every other id gets the
+/// general sample. "broken" is not JSON at all and is answered elsewhere.
+Json builtInCampaign(const std::string& id, const std::string& http) {
     const std::string trackers = http + "/t/campaign/" + id;
-    Json message = {
-        {"tag", "sandbox-" + id},
-        {"image", http + "/img/campaign.png"},
-        {"body", "A rich push served by tessra-sandbox, with an image and two buttons."},
-        {"actions", Json::array({{{"action", "open"}, {"title", "Open"}, {"url", "tessra://sandbox/open"}},
-                                 {{"action", "later"}, {"title", "Later"}, {"url", http + "/landing"}}})},
-        {"data", {{"url", "tessra://sandbox/campaign/" + id}, {"t", Json::array({trackers + "/conversion"})}}},
-        {"tid", id}};
-    return {{"p", Json::array({{{"i", Json::array({trackers + "/impression"})},
-                                {"o", message},
-                                {"t", "Hello from the sandbox"}}})},
+    const std::string images = http + "/img/";
+    const Json deepLink = {{"action", "open"}, {"title", "Open"}, {"url", "tessra://sandbox/open"}};
+    const Json webLink = {{"action", "later"}, {"title", "Later"}, {"url", http + "/landing"}};
+    std::string title = "Hello from the sandbox";
+    Json message = {{"tag", "sandbox-" + id},
+                    {"image", images + "campaign.png"},
+                    {"body", "A rich push served by tessra-sandbox, with an image and two buttons."},
+                    {"actions", Json::array({deepLink, webLink})}};
+    Json conversions = Json::array({trackers + "/conversion"});
+
+    if (id == "photo") {
+        title = "Spring in the hills";
+        message["image"] = images + "photo.jpg";
+        message["body"] = "A photo-sized picture (about 1 MB), a web page and a deep link.";
+        message["sound"] = "default";
+        message["silent"] = false;
+        message["actions"] = Json::array(
+            {{{"action", "read"}, {"title", "Read more"}, {"url", http + "/landing?campaign=photo"}},
+             {{"action", "book"}, {"title", "Book a trip"}, {"url", "tessra://sandbox/offers/photo?from=push"}}});
+        // A second conversion tracker, the way a partner network adds its own.
+        conversions.push_back(http + "/t/partner/conversion?campaign=photo");
+    } else if (id == "banner") {
+        title = "Wide banner, compact layout";
+        message["image"] = images + "banner.jpeg";
+        message["body"] = "A 1024x512 JPEG of about 130 KB in the compact layout.";
+        message["el"] = 3;
+    } else if (id == "card") {
+        title = "Did you like it?";
+        message["image"] = images + "card.png";
+        message["body"] = "A 600x400 PNG and a Yes/No choice; no sound.";
+        message["silent"] = true;
+        message["actions"] = Json::array(
+            {{{"action", "yes"}, {"title", "Yes"}, {"url", http + "/landing?campaign=card&answer=yes"}},
+             {{"action", "no"}, {"title", "No"}, {"url", "tessra://sandbox/feedback?answer=no"}}});
+    } else if (id == "notag") {
+        title = "No tag";
+        message.erase("tag");
+        message["image"] = images + "banner.jpeg";
+        message["body"] = "Without a tag, so every such push is a notification of its own.";
+    } else if (id == "noimage") {
+        title = "Text only";
+        message.erase("image");
+        message["body"] = "No image: the notification shows text and buttons only.";
+    } else if (id == "missing-image") {
+        title = "Image not found";
+        message["image"] = images + "missing.jpg";
+        message["body"] = "The image URL answers 404.";
+    } else if (id == "html-image") {
+        title = "Image that is a web page";
+        message["image"] = images + "html.jpg";
+        message["body"] = "The image URL answers an HTML page, as a captive portal does.";
+    } else if (id == "truncated-image") {
+        title = "Image cut short";
+        message["image"] = images + "truncated.jpg";
+        message["body"] = "The image is a JPEG cut off after half its bytes.";
+    } else if (id == "huge-image") {
+        title = "Image of 50 MB";
+        message["image"] = images + "huge.jpg";
+        message["body"] = "The image URL answers 50 MB.";
+    }
+    message["data"] = {{"url", "tessra://sandbox/campaign/" + id}, {"t", conversions}};
+    message["tid"] = id;
+    return {{"p", Json::array({{{"i", Json::array({trackers + "/impression"})}, {"o", message}, {"t", title}}})},
             {"t", Json::array({trackers + "/delivered"})}};
 }
 
@@ -397,6 +326,11 @@ constexpr std::string_view kPromptScript = R"js(// tessra-sandbox prompt script:
   });
 })();
 )js";
+
+// What the "broken" campaign answers: an error page from a proxy, with status 200.
+constexpr std::string_view kBrokenCampaign =
+    "<!DOCTYPE html><html><head><title>502 Bad Gateway</title></head>"
+    "<body><h1>Bad Gateway</h1><p>The upstream server did not answer.</p></body></html>\n";
 
 constexpr std::string_view kLandingPage =
     "<!DOCTYPE html><html><head><meta charset=\"utf-8\"><title>Sandbox landing page</title></head>"
@@ -639,6 +573,20 @@ Sandbox::Sandbox(Options options) : startedAt_(std::time(nullptr)) {
 Sandbox::~Sandbox() { stop(); }
 
 void Sandbox::start() {
+    imagesThread_ = std::thread([this] {
+        std::shared_ptr<const ImageLibrary> drawn;
+        try {
+            drawn = std::make_shared<const ImageLibrary>();
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "tessra-sandbox: cannot draw the images: %s\n", error.what());
+        }
+        {
+            std::lock_guard lock(imagesMutex_);
+            images_ = std::move(drawn);
+            imagesDone_ = true;
+        }
+        imagesDrawn_.notify_all();
+    });
     httpsThread_ = std::thread([this] {
         https_->listen_after_bind();
         httpsFinished_ = true;
@@ -658,7 +606,15 @@ void Sandbox::stop() {
     stopSignal_.notify_all();  // cut scripted delays short
     stopServer(*https_, httpsThread_, httpsFinished_);
     stopServer(*http_, httpThread_, httpFinished_);
+    if (imagesThread_.joinable()) imagesThread_.join();
     log_->flush();
+}
+
+std::shared_ptr<const ImageLibrary> Sandbox::images() {
+    std::unique_lock lock(imagesMutex_);
+    imagesDrawn_.wait(lock, [this] { return imagesDone_; });
+    if (!images_) throw std::runtime_error("the images could not be drawn");
+    return images_;
 }
 
 std::vector<std::string> Sandbox::exportLines() const {
@@ -806,7 +762,8 @@ void Sandbox::campaign(const Request& req, Response& res) {
     if (!isSafeName(id)) return sendJson(res, 404, {{"error", "not found"}});
     const std::optional<std::string> document = stateDocument("campaigns", id);
     res.status = 200;
-    res.set_content(document ? *document : dumpJson(sampleCampaign(id, substitute("{{http}}"))), "application/json");
+    if (!document && id == "broken") return res.set_content(std::string(kBrokenCampaign), "text/html; charset=utf-8");
+    res.set_content(document ? *document : dumpJson(builtInCampaign(id, substitute("{{http}}"))), "application/json");
 }
 
 void Sandbox::promptScript(const Request&, Response& res) {
@@ -826,17 +783,26 @@ void Sandbox::adFeed(const Request& req, Response& res) {
 // Trackers succeed with 204 only.
 void Sandbox::tracker(const Request&, Response& res) { res.status = 204; }
 
+// GET "/img/<name>": the generated images, shared by every request; "huge.jpg" is streamed.
 void Sandbox::image(const Request& req, Response& res) {
     const std::string name = req.path.substr(std::string_view("/img/").size());
-    if (name.size() > 4 && endsWith(name, ".png")) {
+    const std::shared_ptr<const ImageLibrary> images = this->images();
+    if (name == "huge.jpg") {
+        // The photo's bytes over and over: a JPEG at the start, and never all in memory.
         res.status = 200;
-        res.set_content(pngImage(), "image/png");
-    } else if (name.size() > 4 && endsWith(name, ".gif")) {
-        res.status = 200;
-        res.set_content(gifImage(), "image/gif");
-    } else {
-        sendJson(res, 404, {{"error", "not found"}});
+        res.set_content_provider(ImageLibrary::kHugeBytes, "image/jpeg",
+                                 [images](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                                     const std::string& photo = images->find("photo.jpg")->bytes;
+                                     const std::size_t from = offset % photo.size();
+                                     const std::size_t n = std::min({length, photo.size() - from, std::size_t{65536}});
+                                     return sink.write(photo.data() + from, n);
+                                 });
+        return;
     }
+    const Image* image = images->find(name);
+    if (image == nullptr) return sendJson(res, 404, {{"error", "not found"}});
+    res.status = 200;
+    res.set_content(image->bytes, image->type);
 }
 
 // POST "/post.php?ver=..&addr=..&code=.." with body "stack=<base64>": crash uploads want a 200.

@@ -17,6 +17,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "Images.hpp"
+
 namespace tessrakite::sandbox {
 
 using Json = nlohmann::ordered_json;
@@ -111,6 +113,7 @@ private:
     void record(Side side, const httplib::Request& req, int status, const std::optional<Fault>& fault);
     bool waitUnlessStopping(double seconds);
     std::string substitute(std::string text) const;
+    std::shared_ptr<const ImageLibrary> images();
     std::optional<std::string> stateDocument(const std::string& folder, const std::string& name,
                                              std::time_t* modified = nullptr) const;
 
@@ -139,6 +142,13 @@ private:
     int httpsPort_ = 0;
     int httpPort_ = 0;
     std::unique_ptr<RequestLog> log_;
+    // Drawn on a thread of their own from start() on, so that "# ready" does not wait for them;
+    // the first image request does. Null once drawn means drawing failed.
+    std::thread imagesThread_;
+    std::mutex imagesMutex_;
+    std::condition_variable imagesDrawn_;
+    bool imagesDone_ = false;
+    std::shared_ptr<const ImageLibrary> images_;
     FaultBook faults_;
     std::thread httpsThread_;
     std::thread httpThread_;
