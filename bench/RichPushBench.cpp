@@ -18,14 +18,12 @@
 #include <curl/curl.h>
 #include <png.h>
 
-#define STB_IMAGE_STATIC
-#define STBI_ONLY_JPEG
-#define STB_IMAGE_IMPLEMENTATION
-#include <stb/stb_image.h>
+#include <jpeglib.h>
 
 #include <nlohmann/json.hpp>
 
 #include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/Platform.hpp>
 
@@ -145,13 +143,25 @@ struct Bare {
     bool process(const std::string& campaignUrl, const std::string& out) {
         auto campaign = nlohmann::json::parse(get(campaignUrl + "&ver=2.0"));
         const std::string image = get(campaign["p"][0]["o"]["image"].get<std::string>());
-        int w = 0, h = 0, channels = 0;
-        unsigned char* rgba = stbi_load_from_memory(reinterpret_cast<const unsigned char*>(image.data()),
-                                                    static_cast<int>(image.size()), &w, &h, &channels, 4);
-        if (!rgba) return false;
-        const bool ok = writePng(out, rgba, w, h);
-        stbi_image_free(rgba);
-        return ok;
+        // libjpeg's default error handler exits the process: fine for a baseline.
+        jpeg_decompress_struct info;
+        jpeg_error_mgr error;
+        info.err = jpeg_std_error(&error);
+        jpeg_create_decompress(&info);
+        jpeg_mem_src(&info, reinterpret_cast<const unsigned char*>(image.data()), image.size());
+        jpeg_read_header(&info, TRUE);
+        info.out_color_space = JCS_EXT_RGBA;
+        jpeg_start_decompress(&info);
+        const std::size_t stride = std::size_t{info.output_width} * 4;
+        std::vector<unsigned char> rgba(stride * info.output_height);
+        while (info.output_scanline < info.output_height) {
+            JSAMPROW row = rgba.data() + stride * info.output_scanline;
+            jpeg_read_scanlines(&info, &row, 1);
+        }
+        jpeg_finish_decompress(&info);
+        const int w = static_cast<int>(info.output_width), h = static_cast<int>(info.output_height);
+        jpeg_destroy_decompress(&info);
+        return writePng(out, rgba.data(), w, h);
     }
 };
 
@@ -178,23 +188,67 @@ void BM_ExtensionPhotoCampaign(benchmark::State& state) {
 }
 BENCHMARK(BM_ExtensionPhotoCampaign)->Iterations(20)->Unit(benchmark::kMillisecond);
 
+// Measured in a fresh process, as an extension starts: in a process that already handled
+// a photo, the allocator keeps the freed pixels and the peak hides in the resident size.
 void BM_ExtensionPeakMemory(benchmark::State& state) {
     Extension extension;
-    extension.process(0);
-    extension.process(1);
+    auto bundle = platform::Bundle::main();
+    ::setenv("TESSRA_MAIN_BUNDLE", bundle->bundleURL().c_str(), 1);
+    const double decodedMb = extension.width * extension.height * 4.0 / (1024 * 1024);
     for (auto _ : state) {
-        const double before = statusKb("VmRSS");
-        // Resets the peak to the current size, so VmHWM below is this push's peak.
-        std::ofstream("/proc/self/clear_refs") << "5";
-        if (!extension.process(2)) state.SkipWithError("no attachment");
-        const double peak = statusKb("VmHWM");
-        const double decodedMb = extension.width * extension.height * 4.0 / (1024 * 1024);
-        state.counters["peak_above_rss_MB"] = (peak - before) / 1024;
+        for (const char* mode : {"cold", "warm"}) {
+            int fds[2];
+            if (::pipe(fds) != 0) return state.SkipWithError("pipe");
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                ::dup2(fds[1], STDOUT_FILENO);
+                const std::string url = extension.campaignUrl();
+                ::execl("/proc/self/exe", "bench", "--memory", url.c_str(), mode, static_cast<char*>(nullptr));
+                ::_exit(127);
+            }
+            ::close(fds[1]);
+            std::string report;
+            char buffer[256];
+            for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) report.append(buffer, static_cast<size_t>(n));
+            ::close(fds[0]);
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+            double before = 0, peak = 0;
+            if (std::sscanf(report.c_str(), "%lf %lf", &before, &peak) != 2) return state.SkipWithError("no report");
+            state.counters[std::string("peak_above_rss_") + mode + "_MB"] = (peak - before) / 1024;
+            state.counters[std::string("process_peak_") + mode + "_MB"] = peak / 1024;
+        }
         state.counters["decoded_image_MB"] = decodedMb;
         state.counters["limit_MB"] = decodedMb + 4;
-        state.counters["process_peak_MB"] = peak / 1024;
     }
+    ::unsetenv("TESSRA_MAIN_BUNDLE");
 }
+
+/// The extension process: its platform and store open, then one photo push. With
+/// `warmTls` the campaign is fetched once before, so the process's first TLS connection
+/// (libssl's set-up, about 2.3 MB) is not counted.
+int memoryChildMain(const std::string& campaignUrl, bool warmTls) {
+    auto headless = platform::headless::makeHeadlessPlatform({nullptr, platform::makeCurlUrlSession(test::trustingTestCa())});
+    platform::setCurrentPlatform(headless.platform);
+    TessraQuill::storageManager().getBool(StorageKey::push);
+    platform::UNNotificationRequest request;
+    request.identifier = "memory";
+    nlohmann::ordered_json push = {{"aps", {{"alert", {{"title", "Push"}, {"e", campaignUrl}}}}}};
+    request.content.userInfo = *PlistValue::fromJSON(push).asDictionary();
+    if (warmTls) {
+        std::atomic<bool> fetched = false;
+        TessraQuill::tessraRequest().campaignGet(campaignUrl, [&](std::optional<PCampaignObject>) { fetched = true; });
+        while (!fetched) headless.platform->runLoop->runFor(0.0005);
+    }
+    const double before = statusKb("VmRSS");
+    std::atomic<bool> done = false;
+    TessraQuill::didReceiveNotification(request, request.content, [&](platform::UNNotificationContent) { done = true; });
+    while (!done) headless.platform->runLoop->runFor(0.0005);
+    std::printf("%f %f\n", before, statusKb("VmHWM"));
+    std::fflush(stdout);
+    return 0;
+}
+
 BENCHMARK(BM_ExtensionPeakMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // ---- Several processes of one app group ----
@@ -268,10 +322,11 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     Console::setSink([](std::string_view) {});
     if (argc == 3 && std::string(argv[1]) == "--child") return childMain(argv[2]);
+    if (argc == 4 && std::string(argv[1]) == "--memory") return memoryChildMain(argv[2], std::string(argv[3]) == "warm");
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    std::puts("Goals: sdk_to_bare_ratio <= 1.2; peak_above_rss_MB <= limit_MB; tx_badge == 2000; "
+    std::puts("Goals: sdk_to_bare_ratio <= 1.2; peak_above_rss_{cold,warm}_MB <= limit_MB; tx_badge == 2000; "
               "tx_url_entries == tx_t_entries == 500.");
     return 0;
 }
