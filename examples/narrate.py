@@ -509,6 +509,9 @@ class Narrator:
         users = [body_json(r) for r in records if r.get("path") == "/v2/users" and r.get("method") == "POST"]
         tokens = sorted({str(u.get("token")) for u in users if isinstance(u, dict) and u.get("token")})
         out(f"   Users registered: {len(users)}" + (f" (tokens: {', '.join(t[:8] + '...' for t in tokens)})" if tokens else ""))
+        campaigns = sum(1 for r in records if r.get("path", "").startswith("/v2/campaign/"))
+        trackers = sum(1 for r in records if r.get("path", "").startswith("/t/"))
+        out(f"   Campaigns fetched: {campaigns}; tracker hits: {trackers}")
         crashes = [r for r in records if r.get("path") == "/post.php"]
         out(f"   Crash reports uploaded: {len(crashes)}")
         not_modified = sum(1 for r in records if r.get("path", "").startswith("/tag/") and r.get("status") == 304)
