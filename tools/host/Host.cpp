@@ -244,9 +244,8 @@ std::string stringMember(const Json& object, const char* key, const std::string&
 // of a fresh content, and a misspelt one is refused rather than lost.
 platform::UNMutableNotificationContent contentFromJson(const Json& json, const std::string& where) {
     if (!json.is_object()) throw BadArguments("\"" + where + "\" must be an object");
-    static const std::set<std::string> known = {"title",           "subtitle", "body",        "sound",
-                                                "badge",           "categoryIdentifier",      "threadIdentifier",
-                                                "userInfo",        "attachments"};
+    static const std::set<std::string> known = {"title", "subtitle", "body", "sound", "badge", "categoryIdentifier",
+                                                "threadIdentifier", "userInfo", "attachments"};
     for (auto it = json.begin(); it != json.end(); ++it)
         if (!known.count(it.key())) throw BadArguments("\"" + where + "\" has no member \"" + it.key() + "\"");
     platform::UNMutableNotificationContent content;
