@@ -398,7 +398,7 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     const auto served = https.Get("/v2/campaign/photo?c=1&ver=2.0");
     ASSERT_EQ(statusOf(served), 200);
     const json entry = json::parse(served->body)["p"][0];
-    const std::string webLink = entry["o"]["data"]["url"];
+    const std::string link = entry["o"]["data"]["url"];
     const std::vector<std::string> conversions = entry["o"]["data"]["t"];
     ASSERT_EQ(conversions.size(), 2u);
 
@@ -437,14 +437,18 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     ASSERT_EQ(delivered.size(), 1u) << delivered;
     EXPECT_EQ(delivered[0]["identifier"], "push-1");
     EXPECT_EQ(delivered[0]["content"]["attachments"], content["attachments"]);
-    // Each tap completes with nothing handed back (the link was opened); only the first opened it.
+    // Each tap completes with nothing handed back: the first opened the campaign's link (a
+    // web link through the application, any other through the delegate), the second nothing.
     const long firstDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}});
     const long secondDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}}, firstDone + 1);
     ASSERT_GT(secondDone, firstDone);
-    const long opened = indexOf(lines, {{"platform", "openURL"}, {"url", webLink}});
-    EXPECT_GE(opened, 0);
+    const bool web = link.rfind("http", 0) == 0;
+    const json open = web ? json{{"platform", "openURL"}, {"url", link}} : json{{"delegate", "handleURL"}, {"args", {{"url", link}}}};
+    const long opened = indexOf(lines, open);
+    EXPECT_GE(opened, 0) << open;
     EXPECT_LT(opened, secondDone);
     EXPECT_EQ(indexOf(lines, {{"platform", "openURL"}}, opened + 1), -1);
+    EXPECT_EQ(indexOf(lines, {{"delegate", "handleURL"}}, opened + 1), -1);
     // Both conversion trackers reached the sandbox, once each.
     const auto requests = loggedRequests(sandbox);
     for (const std::string& tracker : conversions) {
