@@ -113,7 +113,15 @@ def describe_request(record):
     status = record.get("status", 0)
     what = ""
     body = body_json(record)
-    if path.startswith("/tag/"):
+    if path.startswith("/v2/campaign/"):
+        what = f"campaign \"{path.rsplit('/', 1)[-1]}\""
+    elif path.startswith("/t/"):
+        what = "tracker hit"
+    elif path.startswith("/img/"):
+        what = "image download"
+    elif path == "/landing":
+        what = "web page"
+    elif path.startswith("/tag/"):
         what = {200: "configuration document", 304: "not modified"}.get(status, "")
     elif path == "/v2/activity" and isinstance(body, dict):
         what = f"report \"{body.get('u')}\" (code {body.get('code')})"
@@ -131,8 +139,8 @@ def describe_request(record):
 class Host:
     """tessra-host as a child process; its stdout and stderr lines arrive on one queue."""
 
-    def __init__(self, binary, env, cwd):
-        self.proc = subprocess.Popen([os.path.abspath(binary)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    def __init__(self, binary, env, cwd, arguments=()):
+        self.proc = subprocess.Popen([os.path.abspath(binary), *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.PIPE, env=env, cwd=cwd)
         self.events = queue.Queue()
         self.open_streams = 2
@@ -213,7 +221,71 @@ class Host:
             self.proc.kill()
             self.proc.wait()
 
+# ---- notification contents -----------------------------------------------------------
+
+def content_text(content):
+    """A notification content (as the host prints it) in one line: what the user sees."""
+    if not isinstance(content, dict):
+        return compact(content)
+    parts = [compact(content.get("title", ""))]
+    if content.get("subtitle"):
+        parts.append(compact(content["subtitle"]))
+    if content.get("body"):
+        parts.append(compact(content["body"]))
+    extras = []
+    if content.get("categoryIdentifier"):
+        extras.append("category " + str(content["categoryIdentifier"]))
+    attachments = content.get("attachments") or []
+    if attachments:
+        extras.append("image " + ", ".join(os.path.basename(str(a.get("url", ""))) for a in attachments if isinstance(a, dict)))
+    if content.get("sound"):
+        extras.append("sound " + str(content["sound"]))
+    if content.get("badge") is not None:
+        extras.append(f"badge {content['badge']}")
+    return " / ".join(parts) + (f"  [{'; '.join(extras)}]" if extras else "")
+
+
+def trigger_text(trigger):
+    if not isinstance(trigger, dict):
+        return "now"
+    every = "every" if trigger.get("repeats") else "in"
+    return f"{every} {trigger.get('interval')} s"
+
+
+def listed_text(result):
+    """Lists of notifications or categories, one line each; None for anything else."""
+    if not isinstance(result, list) or not result or not all(isinstance(item, dict) for item in result):
+        return None
+    rows = []
+    for item in result:
+        if "content" in item:
+            row = f"{item.get('identifier')}: {content_text(item['content'])}"
+            if "trigger" in item:
+                row += f"  ({trigger_text(item['trigger'])})"
+            rows.append(row)
+        elif "actions" in item:
+            buttons = ", ".join(f"{a.get('title')} ({'/'.join(a.get('options') or []) or 'plain'})"
+                                for a in item["actions"] if isinstance(a, dict))
+            rows.append(f"{item.get('identifier')}: {buttons or 'no buttons'}")
+        else:
+            return None
+    return "\n".join(clip(row, WIDTH - 16) for row in rows)
+
 # ---- the narration -------------------------------------------------------------------
+
+def with_addresses(value):
+    """The sandbox's addresses in place of "{{https}}" and "{{http}}": its ports change
+    from run to run."""
+    if isinstance(value, str):
+        https = os.environ.get("TESSRA_TRACKING_HOST", "")
+        http = os.environ.get("TESSRA_AD_HOST", "")
+        return value.replace("{{https}}", "https://" + https).replace("{{http}}", "http://" + http)
+    if isinstance(value, list):
+        return [with_addresses(v) for v in value]
+    if isinstance(value, dict):
+        return {k: with_addresses(v) for k, v in value.items()}
+    return value
+
 
 def status_text(code):
     if code is None:
@@ -271,10 +343,16 @@ class Narrator:
             args = message.get("args") or {}
             inner = ", ".join(f"{k}: {clip(compact(v), 40)}" for k, v in args.items()) if isinstance(args, dict) else compact(args)
             line("delegate", f"{message['delegate']}({inner})")
+        elif "callback" in message and isinstance(message.get("args"), dict) and "content" in message["args"]:
+            line("callback", f"{message['callback']}({content_text(message['args']['content'])})")
         elif "callback" in message:
             args = message.get("args")
             inner = ", ".join(f"{k}: {compact(v)}" for k, v in args.items()) if isinstance(args, dict) else compact(args)
             line("callback", f"{message['callback']}({inner})")
+        elif "platform" in message and isinstance(message.get("content"), dict):
+            rest = " ".join(f"{k}={compact(v)}" for k, v in message.items() if k not in ("platform", "content", "trigger"))
+            when = f" ({trigger_text(message['trigger'])})" if "trigger" in message else ""
+            line("platform", clip(f"{message['platform']} {rest}{when}: {content_text(message['content'])}", WIDTH))
         elif "platform" in message:
             rest = " ".join(f"{k}={compact(v)}" for k, v in message.items() if k != "platform")
             line("platform", clip(f"{message['platform']} {rest}".strip(), WIDTH))
@@ -290,6 +368,8 @@ class Narrator:
                 if len(rows) > MAX_TEXT_LINES:
                     shown.append(f"... ({len(rows) - MAX_TEXT_LINES} more lines)")
                 line("result", "\n".join(shown))
+            elif listed_text(result) is not None:
+                line("result", listed_text(result))
             elif result is not None:
                 line("result", clip(compact(result), WIDTH - 16))
         else:
@@ -298,12 +378,15 @@ class Narrator:
 
     # -- hosts --
 
-    def start_host(self):
+    def start_host(self, extension=None):
         self.end_host()
         self.hosts_started += 1
         os.makedirs(self.args.home, exist_ok=True)
-        self.host = Host(self.host_binary, dict(os.environ, TESSRA_HOME=self.args.home), cwd=self.args.home)
-        out(f"   (tessra-host starts: run {self.hosts_started} on this TESSRA_HOME, pid {self.host.proc.pid})")
+        arguments = ("--extension", extension) if extension else ()
+        self.host = Host(self.host_binary, dict(os.environ, TESSRA_HOME=self.args.home), cwd=self.args.home,
+                         arguments=arguments)
+        what = f"the app's service extension {extension}" if extension else "the app"
+        out(f"   (tessra-host starts as {what}: run {self.hosts_started} on this TESSRA_HOME, pid {self.host.proc.pid})")
 
     def end_host(self, expect_crash=False):
         """Ends the running host; false when it did not end the way the tour expects."""
@@ -352,11 +435,12 @@ class Narrator:
         if scene.get("sandbox") == "stop":
             self.stop_sandbox()
         if scene.get("host") == "new" or self.host is None:
-            self.start_host()
+            self.start_host(scene.get("extension"))
 
     def op_line(self, request):
         if self.skipping:
             return
+        request = with_addresses(request)
         title = request.get("say") or request["op"]
         expect_crash = request.get("expect") == "crash"
         sent = {k: v for k, v in request.items() if k not in NARRATOR_KEYS}
@@ -395,7 +479,7 @@ class Narrator:
                 self.scene_line(entry)
             elif "op" in entry:
                 if self.host is None and not self.skipping:
-                    self.start_host()
+                    self.start_host(self.scene.get("extension"))
                 if self.host is not None:
                     self.op_line(entry)
             else:
@@ -425,6 +509,9 @@ class Narrator:
         users = [body_json(r) for r in records if r.get("path") == "/v2/users" and r.get("method") == "POST"]
         tokens = sorted({str(u.get("token")) for u in users if isinstance(u, dict) and u.get("token")})
         out(f"   Users registered: {len(users)}" + (f" (tokens: {', '.join(t[:8] + '...' for t in tokens)})" if tokens else ""))
+        campaigns = sum(1 for r in records if r.get("path", "").startswith("/v2/campaign/"))
+        trackers = sum(1 for r in records if r.get("path", "").startswith("/t/"))
+        out(f"   Campaigns fetched: {campaigns}; tracker hits: {trackers}")
         crashes = [r for r in records if r.get("path") == "/post.php"]
         out(f"   Crash reports uploaded: {len(crashes)}")
         not_modified = sum(1 for r in records if r.get("path", "").startswith("/tag/") and r.get("status") == 304)

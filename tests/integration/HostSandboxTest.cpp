@@ -384,6 +384,84 @@ TEST_F(HostSandboxTest, AHostQuittingWithRequestsInFlightExitsCleanly) {
     outputOf(host);
 }
 
+TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
+    Sandbox sandbox;
+    ASSERT_TRUE(sandbox.ready());
+    TempFolder home;
+    auto environment = sandbox.environment();
+    environment["TESSRA_HOME"] = home.path().string();
+    // The campaign as the sandbox serves it: what the message must show and report.
+    httplib::SSLClient https("127.0.0.1", sandbox.port("TESSRA_TRACKING_HOST"));
+    https.set_ca_cert_path(sandbox.exported("TESSRA_CA_BUNDLE").c_str());
+    const auto served = https.Get("/v2/campaign/photo?c=1&ver=2.0");
+    ASSERT_EQ(statusOf(served), 200);
+    const json entry = json::parse(served->body)["p"][0];
+    const std::string link = entry["o"]["data"]["url"];
+    const std::vector<std::string> conversions = entry["o"]["data"]["t"];
+    ASSERT_EQ(conversions.size(), 2u);
+
+    // The app's first start stores the switches the extension reads.
+    runHost({R"({"op":"build","push":true,"analytics":true})", R"({"op":"initialize"})"}, environment);
+
+    const json push = {{"aps",
+                        {{"alert", {{"title", "New kites"},
+                                    {"e", "https://" + sandbox.exported("TESSRA_TRACKING_HOST") + "/v2/campaign/photo?c=1"}}},
+                         {"mutable-content", 1}}}};
+    ChildProcess extension(binary("tessra-host"), {"--extension", "NotificationService"}, environment);
+    feed(extension, {json{{"op", "didReceiveNotification"}, {"identifier", "push-1"}, {"userInfo", push}}.dump()});
+    ASSERT_EQ(extension.wait(60s), 0);
+    const auto filled = outputOf(extension);
+    const long handled = indexOf(filled, {{"callback", "contentHandler"}});
+    ASSERT_GE(handled, 0);
+    const json content = filled[static_cast<std::size_t>(handled)]["args"]["content"];
+    EXPECT_EQ(content["title"], entry["t"]);
+    EXPECT_EQ(content["body"], entry["o"]["body"]);
+    EXPECT_EQ(content.value("categoryIdentifier", "").rfind("Tessra_categ_", 0), 0u) << content;
+    ASSERT_EQ(content["attachments"].size(), 1u) << content;
+    std::ifstream file(content["attachments"][0].value("url", ""), std::ios::binary);
+    const std::string png((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
+    int width = 0, height = 0, channels = 0;
+    stbi_uc* pixels = stbi_load_from_memory(reinterpret_cast<const stbi_uc*>(png.data()), static_cast<int>(png.size()),
+                                            &width, &height, &channels, 0);
+    EXPECT_NE(pixels, nullptr);
+    stbi_image_free(pixels);
+
+    // The app: the message is delivered; a tap reports and opens it once.
+    const auto lines = runHost({R"({"op":"notifications.delivered","id":"shown"})",
+                                R"({"op":"pushTrackOpen","identifier":"push-1","id":1})",
+                                R"({"op":"pushTrackOpen","identifier":"push-1","id":2})"},
+                               environment);
+    const long shown = indexOf(lines, {{"op", "notifications.delivered"}, {"id", "shown"}});
+    ASSERT_GE(shown, 0);
+    const json delivered = lines[static_cast<std::size_t>(shown)]["result"];
+    ASSERT_EQ(delivered.size(), 1u) << delivered;
+    EXPECT_EQ(delivered[0]["identifier"], "push-1");
+    EXPECT_EQ(delivered[0]["content"]["attachments"], content["attachments"]);
+    // Each tap completes with nothing handed back: the first opened the campaign's link (a
+    // web link through the application, any other through the delegate), the second nothing.
+    const long firstDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}});
+    const long secondDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}}, firstDone + 1);
+    ASSERT_GT(secondDone, firstDone);
+    const bool web = link.rfind("http", 0) == 0;
+    const json open = web ? json{{"platform", "openURL"}, {"url", link}} : json{{"delegate", "handleURL"}, {"args", {{"url", link}}}};
+    const long opened = indexOf(lines, open);
+    EXPECT_GE(opened, 0) << open;
+    EXPECT_LT(opened, secondDone);
+    EXPECT_EQ(indexOf(lines, {{"platform", "openURL"}}, opened + 1), -1);
+    EXPECT_EQ(indexOf(lines, {{"delegate", "handleURL"}}, opened + 1), -1);
+    // Both conversion trackers reached the sandbox, once each.
+    const auto requests = loggedRequests(sandbox);
+    for (const std::string& tracker : conversions) {
+        const std::string target = tracker.substr(tracker.find('/', tracker.find("//") + 2));
+        const auto hits = std::count_if(requests.begin(), requests.end(), [&](const json& r) {
+            const std::string query = r.value("query", "");
+            return r.value("path", "") + (query.empty() ? "" : "?" + query) == target;
+        });
+        EXPECT_EQ(hits, 1) << tracker;
+    }
+}
+
 TEST_F(HostSandboxTest, TheSegmentationFaultIsARealOneAndItsRecordKeepsTheReportsCodeAndAddress) {
     TempFolder home;
     const std::map<std::string, std::string> environment = {{"TESSRA_HOME", home.path().string()}};

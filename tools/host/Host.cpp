@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 
 #include <tessrakite/core/StorageManager.hpp>
@@ -230,6 +231,73 @@ Json messageJson(const TessraReceivedObject& m) {
     return j;
 }
 
+// ---- Notification contents, in the form the notification centre prints them ----
+
+std::string stringMember(const Json& object, const char* key, const std::string& where) {
+    auto it = object.find(key);
+    if (it == object.end() || it->is_null()) return {};
+    if (!it->is_string()) throw BadArguments("\"" + where + "." + key + "\" must be a string");
+    return it->get<std::string>();
+}
+
+// The reverse of HeadlessUserNotificationCenter::toJSON: absent members keep the defaults
+// of a fresh content, and a misspelt one is refused rather than lost.
+platform::UNMutableNotificationContent contentFromJson(const Json& json, const std::string& where) {
+    if (!json.is_object()) throw BadArguments("\"" + where + "\" must be an object");
+    static const std::set<std::string> known = {"title", "subtitle", "body", "sound", "badge", "categoryIdentifier",
+                                                "threadIdentifier", "userInfo", "attachments"};
+    for (auto it = json.begin(); it != json.end(); ++it)
+        if (!known.count(it.key())) throw BadArguments("\"" + where + "\" has no member \"" + it.key() + "\"");
+    platform::UNMutableNotificationContent content;
+    content.title = stringMember(json, "title", where);
+    content.subtitle = stringMember(json, "subtitle", where);
+    content.body = stringMember(json, "body", where);
+    content.categoryIdentifier = stringMember(json, "categoryIdentifier", where);
+    content.threadIdentifier = stringMember(json, "threadIdentifier", where);
+    if (auto it = json.find("sound"); it != json.end() && !it->is_null()) content.sound = stringMember(json, "sound", where);
+    if (auto it = json.find("badge"); it != json.end() && !it->is_null()) {
+        if (!it->is_number_integer()) throw BadArguments("\"" + where + ".badge\" must be an integer");
+        content.badge = it->get<std::int64_t>();
+    }
+    if (json.contains("userInfo")) content.userInfo = dictionaryArg(json, "userInfo");
+    if (auto it = json.find("attachments"); it != json.end() && !it->is_null()) {
+        if (!it->is_array()) throw BadArguments("\"" + where + ".attachments\" must be a list");
+        for (const auto& a : *it) {
+            if (!a.is_object()) throw BadArguments("\"" + where + ".attachments\" holds objects");
+            content.attachments.push_back({stringMember(a, "identifier", where + ".attachments"),
+                                           stringMember(a, "url", where + ".attachments"), {}});
+        }
+    }
+    return content;
+}
+
+// What the platform puts into an extension's best-attempt copy: the alert's title and body.
+platform::UNMutableNotificationContent alertContent(const PlistDictionary& userInfo) {
+    platform::UNMutableNotificationContent content;
+    content.userInfo = userInfo;
+    const auto aps = userInfo.find("aps");
+    const auto* apsDictionary = aps != userInfo.end() ? aps->second.asDictionary() : nullptr;
+    if (!apsDictionary) return content;
+    const auto alert = apsDictionary->find("alert");
+    if (alert == apsDictionary->end()) return content;
+    if (const auto* text = alert->second.asString()) {
+        content.body = *text;
+    } else if (const auto* fields = alert->second.asDictionary()) {
+        for (auto [key, target] : {std::pair{"title", &content.title}, std::pair{"body", &content.body}})
+            if (auto it = fields->find(key); it != fields->end() && it->second.asString()) *target = *it->second.asString();
+    }
+    return content;
+}
+
+Json actionOptionNames(unsigned options) {
+    namespace O = platform::UNNotificationActionOptions;
+    Json names = Json::array();
+    for (auto [bit, name] : {std::pair{O::authenticationRequired, "authenticationRequired"},
+                             std::pair{O::destructive, "destructive"}, std::pair{O::foreground, "foreground"}})
+        if (options & bit) names.push_back(name);
+    return names;
+}
+
 // ---- Crashes on request ----
 
 [[noreturn]] void throwUncaught() { throw std::runtime_error("tessra-host: exception requested by the script"); }
@@ -375,7 +443,7 @@ platform::DeviceOrientation orientationNamed(const std::string& name) {
 
 }  // namespace
 
-Host::Host(Output& output, std::string bundleFolder) : out_(output) {
+Host::Host(Output& output, std::string bundleFolder, bool extension) : out_(output), extension_(extension) {
     Console::setSink([this](std::string_view line) { out_.write({{"console", std::string(line)}}); });
     platform::Bundle::setMain(platform::Bundle::open(bundleFolder));
     clock_ = std::make_shared<SwitchableClock>();
@@ -402,6 +470,31 @@ Host::~Host() {
 }
 
 void Host::pump(double maxSeconds) { headless_.platform->runLoop->runUntilIdle(maxSeconds); }
+
+Host::ContentHandler Host::contentHandler(std::optional<std::string> identifier) {
+    // The SDK may call it from a network thread: the platform's part runs on the main
+    // queue, which only this host pumps, so `this` is alive whenever it runs.
+    return [this, runLoop = headless_.platform->runLoop, identifier](platform::UNNotificationContent content) {
+        runLoop->async([this, identifier, content = std::move(content)] {
+            out_.write({{"callback", "contentHandler"},
+                        {"args", {{"content", hl::HeadlessUserNotificationCenter::toJSON(content)}}}});
+            if (identifier) headless_.userNotificationCenter->add({*identifier, content, std::nullopt}, nullptr);
+        });
+    };
+}
+
+std::optional<platform::UNNotification> Host::delivered(const std::string& identifier) const {
+    for (auto& notification : headless_.userNotificationCenter->delivered())
+        if (notification.request.identifier == identifier) return notification;
+    return std::nullopt;
+}
+
+platform::UNNotification Host::deliveredOrBare(const std::string& identifier) const {
+    if (auto notification = delivered(identifier)) return *notification;
+    platform::UNNotification bare;
+    bare.request.identifier = identifier;
+    return bare;
+}
 
 bool Host::runLine(const std::string& line) {
     auto first = line.find_first_not_of(" \t\r");
@@ -474,6 +567,7 @@ void Host::registerOperations() {
         return configJson(*config_);
     };
     ops["initialize"] = [this](const Json&) {
+        if (extension_) throw BadArguments("a service extension does not start the SDK; the app does");
         if (!config_) config_ = TessraBuilder(std::nullopt).build();
         TessraQuill::initialize(config_);
         return Json(nullptr);
@@ -592,7 +686,74 @@ void Host::registerOperations() {
         return messages;
     };
 
-    // ---- Notifications (platform answers) ----
+    // ---- The service extension ----
+    ops["didReceiveNotification"] = [this](const Json& a) {
+        platform::UNNotificationRequest request;
+        request.identifier = stringArg(a, "identifier");
+        request.content.userInfo = dictionaryArg(a, "userInfo");
+        auto best = a.contains("best") && !a["best"].is_null() ? contentFromJson(a["best"], "best")
+                                                               : alertContent(request.content.userInfo);
+        return optionalJson(TessraQuill::didReceiveNotification(request, std::move(best), contentHandler(request.identifier)));
+    };
+    ops["notificationBuilderWillTerminate"] = [this](const Json& a) {
+        auto userInfo = dictionaryArg(a, "userInfo");
+        auto best = a.contains("best") && !a["best"].is_null() ? contentFromJson(a["best"], "best") : alertContent(userInfo);
+        std::optional<std::string> identifier;
+        if (a.contains("identifier")) identifier = stringArg(a, "identifier");
+        TessraQuill::notificationBuilderWillTerminate(userInfo, std::move(best), contentHandler(identifier));
+        return Json(nullptr);
+    };
+    const auto badgeCount = [](void (*count)(platform::UNMutableNotificationContent*)) {
+        return [count](const Json& a) {
+            if (!optionalBool(a, "content").value_or(false)) {
+                count(nullptr);
+                return Json(nullptr);
+            }
+            platform::UNMutableNotificationContent content;
+            count(&content);
+            return content.badge ? Json(*content.badge) : Json(nullptr);
+        };
+    };
+    ops["addNotificationCount"] = badgeCount(&TessraQuill::addNotificationCount);
+    ops["decreseNotificationCount"] = badgeCount(&TessraQuill::decreseNotificationCount);
+    ops["setAppBadge"] = [](const Json& a) {
+        TessraQuill::setAppBadge(integerArg(a, "value"));
+        return Json(nullptr);
+    };
+    ops["getPreferedContentSize"] = [this](const Json& a) {
+        const auto identifier = stringArg(a, "identifier");
+        const auto notification = delivered(identifier);
+        if (!notification) throw BadArguments("no notification \"" + identifier + "\" is delivered");
+        const auto size = TessraQuill::getPreferedContentSize(*notification);
+        return Json{{"width", size.width}, {"height", size.height}};
+    };
+    ops["cleanOldData"] = [this](const Json& a) {
+        TessraQuill::cleanOldData(deliveredOrBare(stringArg(a, "identifier")).request);
+        return Json(nullptr);
+    };
+    ops["checkTagAnddeletePreviousMessagesWith"] = [](const Json& a) {
+        std::optional<std::string> tag;
+        if (a.contains("tag") && !a["tag"].is_null()) tag = stringArg(a, "tag");
+        TessraQuill::checkTagAnddeletePreviousMessagesWith(tag, stringArg(a, "norificationId"));
+        return Json(nullptr);
+    };
+
+    // ---- Opening a notification ----
+    ops["pushTrackOpen"] = [this](const Json& a) {
+        platform::UNNotificationResponse response;
+        response.notification = deliveredOrBare(stringArg(a, "identifier"));
+        if (a.contains("action")) response.actionIdentifier = stringArg(a, "action");
+        TessraQuill::pushTrackOpen(optionalBool(a, "open").value_or(true), response,
+                                   [this](std::optional<std::string> url) {
+                                       out_.write({{"callback", "pushTrackOpen"}, {"args", {{"url", optionalJson(url)}}}});
+                                   });
+        return Json(nullptr);
+    };
+    ops["renotify"] = [this](const Json& a) {
+        TessraQuill::renotify(deliveredOrBare(stringArg(a, "identifier")).request);
+        return Json(nullptr);
+    };
+
     // ---- Reminders and the notification centre ----
     ops["createScheduledNotification"] = [](const Json& a) {
         TessraQuill::createScheduledNotification(numberArg(a, "delay"));
@@ -621,6 +782,18 @@ void Host::registerOperations() {
             list.push_back({{"identifier", notification.request.identifier},
                             {"date", notification.date},
                             {"content", Centre::toJSON(notification.request.content)}});
+        return list;
+    };
+    ops["notifications.categories"] = [this](const Json&) {
+        Json list = Json::array();
+        for (const auto& category : headless_.userNotificationCenter->categories()) {
+            Json actions = Json::array();
+            for (const auto& action : category.actions)
+                actions.push_back({{"identifier", action.identifier},
+                                   {"title", action.title},
+                                   {"options", actionOptionNames(action.options)}});
+            list.push_back({{"identifier", category.identifier}, {"actions", actions}, {"options", category.options}});
+        }
         return list;
     };
     ops["authorization"] = [this](const Json& a) {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -26,7 +27,8 @@ struct BadArguments : std::runtime_error {
 /// The sample host app: a headless platform, a delegate, and one handler per operation.
 class Host {
 public:
-    Host(Output& output, std::string bundleFolder);
+    /// `extension`: the host runs as the app's service extension and never starts the SDK.
+    Host(Output& output, std::string bundleFolder, bool extension = false);
     ~Host();
 
     /// Runs one line; false after "exit".
@@ -36,6 +38,14 @@ private:
     using Handler = std::function<Json(const Json& args)>;
     void registerOperations();
     void pump(double maxSeconds = 10.0);
+    using ContentHandler = std::function<void(tessrakite::platform::UNNotificationContent)>;
+    /// The content handler the platform passes an extension: the content is shown, and
+    /// delivered under `identifier` when there is one.
+    ContentHandler contentHandler(std::optional<std::string> identifier);
+    std::optional<tessrakite::platform::UNNotification> delivered(const std::string& identifier) const;
+    /// The delivered notification with `identifier`, or a bare one (that identifier, empty
+    /// content) when none is.
+    tessrakite::platform::UNNotification deliveredOrBare(const std::string& identifier) const;
 
     Output& out_;
     tessrakite::platform::headless::Headless headless_;
@@ -44,6 +54,7 @@ private:
     std::map<std::string, Handler> operations_;
     std::shared_ptr<tessrakite::TessraConfig> config_;
     std::map<std::string, std::unique_ptr<tessrakite::platform::ViewController>> screens_;
+    bool extension_ = false;
     bool running_ = true;
 };
 
