@@ -226,12 +226,14 @@ Json builtInCampaign(const std::string& id, const std::string& http) {
                     {"body", "A rich push served by tessra-sandbox, with an image and two buttons."},
                     {"actions", Json::array({deepLink, webLink})}};
     Json conversions = Json::array({trackers + "/conversion"});
+    std::string tapLink = "tessra://sandbox/campaign/" + id;
 
     if (id == "photo") {
+        tapLink = http + "/landing?campaign=photo&from=tap";  // a tap opens the web page
         title = "Spring in the hills";
         message["image"] = images + "photo.jpg";
         message["body"] = "A photo-sized picture (about 1 MB), a web page and a deep link.";
-        message["sound"] = "default";
+        message["sound"] = "chime";  // played as chime.wav
         message["silent"] = false;
         message["actions"] = Json::array(
             {{{"action", "read"}, {"title", "Read more"}, {"url", http + "/landing?campaign=photo"}},
@@ -277,7 +279,7 @@ Json builtInCampaign(const std::string& id, const std::string& http) {
         message["image"] = images + "huge.jpg";
         message["body"] = "The image URL answers 50 MB.";
     }
-    message["data"] = {{"url", "tessra://sandbox/campaign/" + id}, {"t", conversions}};
+    message["data"] = {{"url", tapLink}, {"t", conversions}};
     message["tid"] = id;
     return {{"p", Json::array({{{"i", Json::array({trackers + "/impression"})}, {"o", message}, {"t", title}}})},
             {"t", Json::array({trackers + "/delivered"})}};
