@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -78,7 +79,12 @@ protected:
             if (r.path.rfind(prefix, 0) == 0) hits.push_back(r.path);
         return hits;
     }
-    std::vector<std::string> trackerHits() const { return hitsUnder("/t/"); }
+    /// Sorted: trackers fired together may arrive in any order.
+    std::vector<std::string> trackerHits() const {
+        auto hits = hitsUnder("/t/");
+        std::sort(hits.begin(), hits.end());
+        return hits;
+    }
     std::string tracker(const std::string& name) const { return backend->httpBase() + "/t/" + name; }
 };
 
@@ -129,26 +135,43 @@ TEST_F(RichPush, OnlyHttpUrlsOfJpegOrPngAreDownloaded) {
     }
 }
 
-TEST_F(RichPush, ADownloadedImageBecomesAPngAttachment) {
-    // A 3 x 2 picture written as PNG by the platform's own writer, served as the image.
+TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut) {
+    // A 3 x 2 picture written as PNG by the platform's own writer.
     std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[3 * 2 * 4], std::default_delete<std::uint8_t[]>());
     for (int i = 0; i < 3 * 2 * 4; ++i) pixels.get()[i] = static_cast<std::uint8_t>(i * 10);
     const auto source = home->path() / "source.png";
     ASSERT_FALSE(platform::Image(3, 2, pixels).writePNG(source));
     std::ifstream in(source, std::ios::binary);
     const std::string png((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    backend->on("GET", "/img/photo.png", Answer::text(png).header("Content-Type", "image/png"));
-
-    auto content = receive(campaign({{"image", backend->httpBase() + "/img/photo.png"}}), "pictured");
-    ASSERT_EQ(content.attachments.size(), 1u);
-    EXPECT_EQ(content.attachments[0].identifier, "id");
-    EXPECT_EQ(std::filesystem::path(content.attachments[0].url).filename(), "id.png");
-    std::ifstream written(content.attachments[0].url, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
-    auto image = platform::Image::decode(Data(bytes.begin(), bytes.end()));
-    ASSERT_TRUE(image);
-    EXPECT_EQ(std::memcmp(image->rgba(), pixels.get(), 3 * 2 * 4), 0);
-    EXPECT_TRUE(console->contains("Download Finished"));
+    struct Case {
+        const char* name;
+        Answer answer;
+        bool attached;
+    };
+    const std::vector<Case> cases = {
+        {"png", Answer::text(png).header("Content-Type", "image/png"), true},
+        {"404 page", Answer::text("<html>not found</html>", 404), false},
+        {"truncated", Answer::text(png.substr(0, png.size() / 2)), false},
+        {"over the body limit", Answer::text(std::string(17u << 20, 'x')), false},
+        {"dropped", Answer::dropped(), false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        console->clear();
+        backend->on("GET", "/img/photo.png", c.answer);
+        auto content = receive(campaign({{"image", backend->httpBase() + "/img/photo.png"}, {"body", "Shown"}}), "pic");
+        EXPECT_EQ(content.body, "Shown") << "the message shows either way";
+        EXPECT_EQ(console->contains("Image can't be downloaded"), !c.attached);
+        ASSERT_EQ(content.attachments.size(), c.attached ? 1u : 0u);
+        if (!c.attached) continue;
+        EXPECT_EQ(content.attachments[0].identifier, "id");
+        EXPECT_EQ(std::filesystem::path(content.attachments[0].url).filename(), "id.png");
+        std::ifstream written(content.attachments[0].url, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
+        auto image = platform::Image::decode(Data(bytes.begin(), bytes.end()));
+        ASSERT_TRUE(image);
+        EXPECT_EQ(std::memcmp(image->rgba(), pixels.get(), 3 * 2 * 4), 0);
+    }
 }
 
 TEST_F(RichPush, ACampaignEndpointIsFetchedAndRemembered) {
@@ -256,10 +279,8 @@ TEST_F(RichPush, ButtonsBecomeACategoryAndTheOldestOfOurOwnIsPruned) {
 
     // 128 more messages: the first of ours goes, the host's own category stays.
     const std::string first = content.categoryIdentifier;
-    for (int i = 0; i < 128; ++i) {
-        UNMutableNotificationContent c;
+    for (int i = 0; i < 128; ++i)
         CategoryHelper::shared().registerCategory({"Tessra_categ_x" + std::to_string(i), {}, {}, 0});
-    }
     std::vector<std::string> ids;
     for (const auto& c : headless.userNotificationCenter->categories()) ids.push_back(c.identifier);
     EXPECT_EQ(ids.size(), 129u);
