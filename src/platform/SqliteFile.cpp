@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <thread>
 
 #include <fcntl.h>
@@ -95,6 +96,26 @@ void moveAside(const std::filesystem::path& file, const FileIdentity& identity, 
         }
     }
     if (dirfd >= 0) ::close(dirfd);  // releases the lock
+}
+
+Opened openWithRecovery(const std::function<Opened(std::string&)>& attempt, const std::function<void()>& disconnect,
+                        std::chrono::milliseconds timeout, const std::filesystem::path& file,
+                        const FileIdentity& identity, const std::string& label, std::string& why) {
+    Opened result = attempt(why);
+    const auto giveUp = std::chrono::steady_clock::now() + timeout;
+    for (auto pause = std::chrono::milliseconds(1);
+         result == Opened::busy && std::chrono::steady_clock::now() < giveUp;
+         pause = std::min(pause * 2, std::chrono::milliseconds(50))) {
+        disconnect();
+        std::this_thread::sleep_for(pause);
+        result = attempt(why);
+    }
+    if (result == Opened::corrupt) {
+        disconnect();
+        moveAside(file, identity, why, label);
+        result = attempt(why);
+    }
+    return result;
 }
 
 }  // namespace tessrakite::platform::sqlitefile

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include <sys/types.h>
@@ -39,5 +40,16 @@ bool createPrivateFile(const std::filesystem::path& file, FileIdentity& identity
 /// its new database.
 void moveAside(const std::filesystem::path& file, const FileIdentity& identity, const std::string& why,
                const std::string& label);
+
+/// What one attempt to open and prepare a database came to.
+enum class Opened { ok, corrupt, busy, failed };
+
+/// Opens with `attempt`, retrying while it is busy and once after moving a damaged file
+/// aside; `disconnect` closes what an attempt left open. Two processes opening a new file
+/// at once race to switch it to WAL, and SQLite answers the loser "locked" without calling
+/// the busy handler. `why` holds the last failure.
+Opened openWithRecovery(const std::function<Opened(std::string& why)>& attempt, const std::function<void()>& disconnect,
+                        std::chrono::milliseconds timeout, const std::filesystem::path& file,
+                        const FileIdentity& identity, const std::string& label, std::string& why);
 
 }  // namespace tessrakite::platform::sqlitefile

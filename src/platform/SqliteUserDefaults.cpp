@@ -211,7 +211,7 @@ private:
 }  // namespace
 
 struct SqliteUserDefaults::Impl {
-    enum class Opened { ok, corrupt, busy, failed };
+    using Opened = sqlitefile::Opened;
 
     Impl(std::filesystem::path f, const Options& o) : file(std::move(f)), options(o), busy{o.busyTimeout, {}} {}
     ~Impl() { disconnect(); }
@@ -336,21 +336,9 @@ struct SqliteUserDefaults::Impl {
 
     bool connect() {
         std::string why;
-        Opened result = tryConnect(why);
-        // Two processes opening a new store at once race to switch it to WAL; SQLite
-        // answers the loser "locked" without calling the busy handler. Try again.
-        const auto giveUp = std::chrono::steady_clock::now() + options.busyTimeout;
-        for (auto pause = 1ms; result == Opened::busy && std::chrono::steady_clock::now() < giveUp;
-             pause = std::min(pause * 2, std::chrono::milliseconds(50))) {
-            disconnect();
-            std::this_thread::sleep_for(pause);
-            result = tryConnect(why);
-        }
-        if (result == Opened::corrupt) {
-            disconnect();
-            moveAside(why);
-            result = tryConnect(why);
-        }
+        const Opened result = sqlitefile::openWithRecovery(
+            [this](std::string& w) { return tryConnect(w); }, [this] { disconnect(); }, options.busyTimeout, file,
+            fileIdentity, "UserDefaults", why);
         if (result != Opened::ok) {
             disconnect();
             Console::print("UserDefaults: cannot open " + file.string() + ": " + why);

@@ -216,7 +216,7 @@ std::optional<std::string> applicationIdentifier() {
 // The state shared with the other processes of the application, and this process's
 // timers for it. Queued answers and timers hold it, not the centre.
 struct HeadlessUserNotificationCenter::Shared : std::enable_shared_from_this<Shared> {
-    enum class Opened { ok, corrupt, busy, failed };
+    using Opened = sqlitefile::Opened;
 
     Shared(std::shared_ptr<Effects> e, std::shared_ptr<RunLoop> r, std::shared_ptr<Clock> c)
         : effects(std::move(e)), runLoop(std::move(r)), clock(std::move(c)) {}
@@ -278,21 +278,9 @@ struct HeadlessUserNotificationCenter::Shared : std::enable_shared_from_this<Sha
 
     bool connect() {
         std::string why;
-        Opened result = tryConnect(why);
-        // Two processes opening a new file at once race to switch it to WAL; SQLite answers
-        // the loser "locked" without calling the busy handler. Try again.
-        const auto giveUp = std::chrono::steady_clock::now() + kBusyTimeout;
-        for (auto pause = 1ms; result == Opened::busy && std::chrono::steady_clock::now() < giveUp;
-             pause = std::min(pause * 2, std::chrono::milliseconds(50))) {
-            disconnect();
-            std::this_thread::sleep_for(pause);
-            result = tryConnect(why);
-        }
-        if (result == Opened::corrupt) {
-            disconnect();
-            sqlitefile::moveAside(file, identity, why, kLabel);
-            result = tryConnect(why);
-        }
+        const Opened result = sqlitefile::openWithRecovery(
+            [this](std::string& w) { return tryConnect(w); }, [this] { disconnect(); },
+            kBusyTimeout, file, identity, kLabel, why);
         if (result == Opened::ok) return true;
         disconnect();
         Console::print(std::string(kLabel) + ": cannot open " + file.string() + " (" + why +
