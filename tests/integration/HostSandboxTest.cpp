@@ -13,8 +13,8 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -44,6 +44,15 @@ using tessrakite::test::TempFolder;
 using namespace std::chrono_literals;
 
 int statusOf(const httplib::Result& result) { return result ? result->status : -1; }
+
+/// Whether the bytes are a whole image, by a decoder independent of the SDK's.
+bool decodes(const std::string& bytes) {
+    int width = 0, height = 0, channels = 0;
+    stbi_uc* pixels = stbi_load_from_memory(reinterpret_cast<const stbi_uc*>(bytes.data()),
+                                            static_cast<int>(bytes.size()), &width, &height, &channels, 0);
+    stbi_image_free(pixels);
+    return pixels != nullptr;
+}
 
 class SandboxTest : public ::testing::Test {
 protected:
@@ -128,36 +137,15 @@ TEST_F(SandboxTest, ScriptedFaultsHitTheNextRequestOnly) {
 }
 
 
-TEST_F(SandboxTest, ServesRealImagesOfTheirClaimedSizeAndBrokenOnesUnderImageNames) {
-    struct Case {
-        const char* name;
-        int status;
-        const char* type;
-        int width, height;  // 0: does not decode
-    };
-    const std::vector<Case> cases = {
-        {"photo.jpg", 200, "image/jpeg", 1600, 1200},  {"banner.jpeg", 200, "image/jpeg", 1024, 512},
-        {"card.png", 200, "image/png", 600, 400},      {"campaign.png", 200, "image/png", 600, 400},
-        {"ad.png", 200, "image/png", 32, 32},          {"ad.gif", 200, "image/gif", 16, 16},
-        {"truncated.jpg", 200, "image/jpeg", 0, 0},    {"html.jpg", 200, "text/html; charset=utf-8", 0, 0},
-        {"missing.jpg", 404, "application/json", 0, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto answer = http_->Get(std::string("/img/") + c.name);
-        ASSERT_EQ(statusOf(answer), c.status);
-        EXPECT_EQ(answer->get_header_value("Content-Type"), c.type);
-        int width = 0, height = 0, channels = 0;
-        stbi_uc* pixels = stbi_load_from_memory(reinterpret_cast<const stbi_uc*>(answer->body.data()),
-                                                static_cast<int>(answer->body.size()), &width, &height, &channels, 0);
-        EXPECT_EQ(pixels ? width : 0, c.width);
-        EXPECT_EQ(pixels ? height : 0, c.height);
-        stbi_image_free(pixels);
-        if (std::string_view(c.name) == "photo.jpg") {
-            EXPECT_GT(answer->body.size(), 800'000u);
-            EXPECT_LT(answer->body.size(), 1'500'000u);
-        }
+TEST_F(SandboxTest, ServesRealImagesBrokenOnesUnderImageNamesAndAHugeOneAsAStream) {
+    for (const std::string name :
+         {"photo.jpg", "banner.jpeg", "card.png", "campaign.png", "ad.png", "ad.gif", "truncated.jpg", "html.jpg"}) {
+        SCOPED_TRACE(name);
+        auto answer = http_->Get("/img/" + name);
+        ASSERT_EQ(statusOf(answer), 200);
+        EXPECT_EQ(decodes(answer->body), name != "truncated.jpg" && name != "html.jpg");
     }
+    EXPECT_EQ(statusOf(http_->Get("/img/missing.jpg")), 404);
     std::size_t huge = 0;
     auto streamed = http_->Get("/img/huge.jpg", [&](const char*, std::size_t length) {
         huge += length;
@@ -168,31 +156,15 @@ TEST_F(SandboxTest, ServesRealImagesOfTheirClaimedSizeAndBrokenOnesUnderImageNam
 }
 
 
-TEST_F(SandboxTest, ThePhotoCampaignIsARichPushWhoseTrackersAnswer204AndAreLogged) {
+// What the SDK makes of the campaign, its trackers included, is the extension test's
+// business; here, the buttons the tour taps and the campaign that is not JSON.
+TEST_F(SandboxTest, ThePhotoCampaignHasAWebAndADeepLinkButtonAndTheBrokenOneIsNotJson) {
     auto answer = https_->Get("/v2/campaign/photo?c=1&ver=2.0");
     ASSERT_EQ(statusOf(answer), 200);
-    const json campaign = json::parse(answer->body);
-    const json& push = campaign["p"][0];
-    const json& message = push["o"];
-    EXPECT_TRUE(push["t"].is_string());
-    EXPECT_TRUE(message["body"].is_string());
-    EXPECT_TRUE(message["tag"].is_string());
+    const json actions = json::parse(answer->body)["p"][0]["o"]["actions"];
     const std::string http = "http://" + sandbox_->exported("TESSRA_AD_HOST");
-    EXPECT_EQ(message["image"], http + "/img/photo.jpg");
-    ASSERT_EQ(message["actions"].size(), 2u);
-    EXPECT_EQ(message["actions"][0]["url"].get<std::string>().rfind(http + "/landing", 0), 0u);
-    EXPECT_EQ(message["actions"][1]["url"].get<std::string>().rfind("tessra://", 0), 0u);
-    EXPECT_EQ(message["data"]["t"].size(), 2u);
-
-    std::vector<std::string> trackers;
-    for (const json* list : {&push["i"], &message["data"]["t"], &campaign["t"]})
-        for (const auto& url : *list) trackers.push_back(url);
-    for (const std::string& url : trackers) {
-        SCOPED_TRACE(url);
-        ASSERT_EQ(url.rfind(http + "/t/", 0), 0u);
-        EXPECT_EQ(statusOf(http_->Get(url.substr(http.size()))), 204);
-    }
-    EXPECT_EQ(requests("/t/").size(), trackers.size());
+    EXPECT_EQ(actions[0]["url"].get<std::string>().rfind(http + "/landing", 0), 0u);
+    EXPECT_EQ(actions[1]["url"].get<std::string>().rfind("tessra://", 0), 0u);
 
     auto broken = https_->Get("/v2/campaign/broken&ver=2.0");
     ASSERT_EQ(statusOf(broken), 200);
@@ -397,8 +369,9 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     ASSERT_EQ(statusOf(served), 200);
     const json entry = json::parse(served->body)["p"][0];
     const std::string link = entry["o"]["data"]["url"];
-    const std::vector<std::string> conversions = entry["o"]["data"]["t"];
-    ASSERT_EQ(conversions.size(), 2u);
+    std::vector<std::string> trackers = entry["i"];
+    for (const auto& url : entry["o"]["data"]["t"]) trackers.push_back(url);
+    ASSERT_EQ(trackers.size(), 3u) << "an impression and two conversion trackers";
 
     // The app's first start stores the switches the extension reads.
     runHost({R"({"op":"build","push":true,"analytics":true})", R"({"op":"initialize"})"}, environment);
@@ -416,16 +389,10 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     const json content = filled[static_cast<std::size_t>(handled)]["args"]["content"];
     EXPECT_EQ(content["title"], entry["t"]);
     EXPECT_EQ(content["body"], entry["o"]["body"]);
-    EXPECT_EQ(content.value("categoryIdentifier", "").rfind("Tessra_categ_", 0), 0u) << content;
     ASSERT_EQ(content["attachments"].size(), 1u) << content;
     std::ifstream file(content["attachments"][0].value("url", ""), std::ios::binary);
     const std::string png((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
-    int width = 0, height = 0, channels = 0;
-    stbi_uc* pixels = stbi_load_from_memory(reinterpret_cast<const stbi_uc*>(png.data()), static_cast<int>(png.size()),
-                                            &width, &height, &channels, 0);
-    EXPECT_NE(pixels, nullptr);
-    stbi_image_free(pixels);
+    EXPECT_TRUE(png.starts_with("\x89PNG\r\n\x1a\n") && decodes(png));
 
     // The app: the message is delivered; a tap reports and opens it once.
     const auto lines = runHost({R"({"op":"notifications.delivered","id":"shown"})",
@@ -440,26 +407,23 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     EXPECT_EQ(delivered[0]["content"]["attachments"], content["attachments"]);
     // Each tap completes with nothing handed back: the first opened the campaign's link (a
     // web link through the application, any other through the delegate), the second nothing.
-    const long firstDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}});
-    const long secondDone = indexOf(lines, {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}}, firstDone + 1);
-    ASSERT_GT(secondDone, firstDone);
-    const bool web = link.rfind("http", 0) == 0;
-    const json open = web ? json{{"platform", "openURL"}, {"url", link}} : json{{"delegate", "handleURL"}, {"args", {{"url", link}}}};
-    const long opened = indexOf(lines, open);
-    EXPECT_GE(opened, 0) << open;
+    const json done = {{"callback", "pushTrackOpen"}, {"args", {{"url", nullptr}}}};
+    const long secondDone = indexOf(lines, done, indexOf(lines, done) + 1);
+    ASSERT_GE(secondDone, 0);
+    const bool web = link.starts_with("http");
+    const long opened = indexOf(lines, web ? json{{"platform", "openURL"}, {"url", link}}
+                                           : json{{"delegate", "handleURL"}, {"args", {{"url", link}}}});
+    EXPECT_GE(opened, 0) << link;
     EXPECT_LT(opened, secondDone);
     EXPECT_EQ(indexOf(lines, {{"platform", "openURL"}}, opened + 1), -1);
     EXPECT_EQ(indexOf(lines, {{"delegate", "handleURL"}}, opened + 1), -1);
-    // Both conversion trackers reached the sandbox, once each.
-    const auto requests = loggedRequests(sandbox);
-    for (const std::string& tracker : conversions) {
-        const std::string target = tracker.substr(tracker.find('/', tracker.find("//") + 2));
-        const auto hits = std::count_if(requests.begin(), requests.end(), [&](const json& r) {
-            const std::string query = r.value("query", "");
-            return r.value("path", "") + (query.empty() ? "" : "?" + query) == target;
-        });
-        EXPECT_EQ(hits, 1) << tracker;
-    }
+    // Every tracker reached the sandbox once: the impression on arrival, the conversions at
+    // the first tap.
+    std::multiset<std::string> targets;
+    for (const json& r : loggedRequests(sandbox))
+        targets.insert(r.value("path", "") + (r.value("query", "").empty() ? "" : "?" + r.value("query", "")));
+    for (const std::string& tracker : trackers)
+        EXPECT_EQ(targets.count(tracker.substr(tracker.find("/t/"))), 1u) << tracker;
 }
 
 TEST_F(HostSandboxTest, TheSegmentationFaultIsARealOneAndItsRecordKeepsTheReportsCodeAndAddress) {

@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sys/stat.h>
@@ -40,6 +41,7 @@ struct Recorded {
 };
 
 constexpr const char* kAppId = "com.example.notes";
+using Centre = HeadlessUserNotificationCenter;
 
 class HeadlessPlatformTest : public ::testing::Test {
 protected:
@@ -108,69 +110,56 @@ TEST_F(HeadlessPlatformTest, TriggersFireWhenDueInOrderUnlessRemovedOrReplaced) 
 
     h.platform->runLoop->runFor(40);
     EXPECT_EQ(recorded.deliveredIds(), (std::vector<std::string>{"early", "every", "again", "late", "every"}));
-    auto delivered = centre.delivered();
-    ASSERT_EQ(delivered.size(), 4u) << "a repeat replaces the earlier delivery";
-    EXPECT_EQ(delivered[1].request.identifier, "again");
-    EXPECT_EQ(delivered[1].request.content.title, "second");
-    EXPECT_EQ(delivered[1].date, 1'025.0);
-    EXPECT_EQ(delivered[3].request.identifier, "every");
-    EXPECT_EQ(delivered[3].date, 1'030.0);
+    EXPECT_EQ(recorded.args.back()["content"]["title"], "Hello");
+    // A repeat replaces its earlier delivery.
+    std::vector<std::tuple<std::string, std::string, double>> shown;
+    for (const auto& n : centre.delivered()) shown.emplace_back(n.request.identifier, n.request.content.title, n.date);
+    EXPECT_EQ(shown, (decltype(shown){{"early", "Hello", 1'010.0}, {"again", "second", 1'025.0},
+                                      {"late", "Hello", 1'030.0}, {"every", "Hello", 1'030.0}}));
     auto pending = centre.pending();
     ASSERT_EQ(pending.size(), 1u) << "only the repeating request stays pending";
     EXPECT_EQ(pending[0].identifier, "every");
-    const auto& line = recorded.args[recorded.names.size() - 1];
-    EXPECT_EQ(line["content"]["title"], "Hello");
 }
 
 // Two headless platforms on one home are the app and its extension: separate processes
-// as far as the centre can tell.
+// as far as the centre can tell. The extension finds the app's centre through its .appex.
 TEST_F(HeadlessPlatformTest, AppAndExtensionShareOneCentre) {
     auto app = test::makeBundle(home.path() / "Notes.app", {{"CFBundleIdentifier", "com.example.shared"}});
     auto extension =
         test::makeBundle(app / "PlugIns" / "Service.appex", {{"CFBundleIdentifier", "com.example.shared.service"}});
-    Bundle::setMain(Bundle::open(app));
-    auto appSide = makeHeadlessPlatform({clock, nullptr});
-    Recorded appEffects;
-    appEffects.attach(*appSide.effects);
+    Recorded appEffects, extensionEffects;
+    const auto start = [&](const std::filesystem::path& bundle, Recorded& effects) {
+        Bundle::setMain(Bundle::open(bundle));
+        auto side = makeHeadlessPlatform({clock, nullptr});
+        effects.attach(*side.effects);
+        return side;
+    };
+    auto appSide = start(app, appEffects);
 
-    UNNotificationRequest rich = request("welcome", std::nullopt, "Welcome");
-    rich.content.subtitle = "to Notes";
-    rich.content.sound = "default";
-    rich.content.badge = 3;
-    rich.content.threadIdentifier = "news";
-    rich.content.categoryIdentifier = "reply";
-    rich.content.userInfo = {{"id", 7}, {"tags", PlistArray{"a", "b"}}, {"raw", Data{1, 2}}};
-    rich.content.attachments = {{"pic", "/tmp/pic.png", {{"hidden", true}}}};
+    const UNNotificationRequest rich{"welcome",
+                                     {.title = "Welcome", .subtitle = "to Notes", .body = "Hi", .sound = "default",
+                                      .badge = 3, .categoryIdentifier = "reply", .threadIdentifier = "news",
+                                      .userInfo = {{"id", 7}, {"tags", PlistArray{"a", "b"}}, {"raw", Data{1, 2}}},
+                                      .attachments = {{"pic", "/tmp/pic.png", {{"hidden", true}}}}},
+                                     std::nullopt};
     appSide.userNotificationCenter->add(rich, nullptr);
     appSide.userNotificationCenter->add(request("reminder", UNTimeIntervalNotificationTrigger{60, true}), nullptr);
     appSide.userNotificationCenter->setNotificationCategories(
         {{"reply", {{"answer", "Answer", UNNotificationActionOptions::foreground}}, {"intent"}, 1}});
 
-    Bundle::setMain(Bundle::open(extension));
-    auto extensionSide = makeHeadlessPlatform({clock, nullptr});
-    Recorded extensionEffects;
-    extensionEffects.attach(*extensionSide.effects);
+    auto extensionSide = start(extension, extensionEffects);
     auto& seen = *extensionSide.userNotificationCenter;
-
     auto delivered = seen.delivered();
     ASSERT_EQ(delivered.size(), 1u);
     const auto& content = delivered[0].request.content;
     EXPECT_EQ(delivered[0].date, 1'000.0);
-    EXPECT_EQ(content.title, "Welcome");
-    EXPECT_EQ(content.subtitle, "to Notes");
-    EXPECT_EQ(content.sound, "default");
-    EXPECT_EQ(content.badge, 3);
+    EXPECT_EQ(Centre::toJSON(content), Centre::toJSON(rich.content));
+    EXPECT_EQ(PlistValue(content.userInfo), PlistValue(rich.content.userInfo));  // data has no JSON form
     EXPECT_EQ(content.threadIdentifier, "news");
-    EXPECT_EQ(content.categoryIdentifier, "reply");
-    EXPECT_EQ(PlistValue(content.userInfo), PlistValue(rich.content.userInfo));
-    ASSERT_EQ(content.attachments.size(), 1u);
-    EXPECT_EQ(content.attachments[0].url, "/tmp/pic.png");
-    EXPECT_EQ(PlistValue(content.attachments[0].options), PlistValue(PlistDictionary{{"hidden", true}}));
+    EXPECT_EQ(PlistValue(content.attachments.at(0).options), PlistValue(PlistDictionary{{"hidden", true}}));
     auto pending = seen.pending();
     ASSERT_EQ(pending.size(), 1u);
-    ASSERT_TRUE(pending[0].trigger);
-    EXPECT_EQ(pending[0].trigger->timeInterval, 60);
-    EXPECT_TRUE(pending[0].trigger->repeats);
+    EXPECT_EQ(Centre::toJSON(pending[0].trigger), Centre::toJSON(UNTimeIntervalNotificationTrigger{60, true}));
 
     // The SDK waits for the categories on the calling thread, without pumping.
     std::promise<std::vector<UNNotificationCategory>> answer;
@@ -179,17 +168,13 @@ TEST_F(HeadlessPlatformTest, AppAndExtensionShareOneCentre) {
     ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     auto categories = future.get();
     ASSERT_EQ(categories.size(), 1u);
-    EXPECT_EQ(categories[0].identifier, "reply");
     ASSERT_EQ(categories[0].actions.size(), 1u);
     EXPECT_EQ(categories[0].actions[0].title, "Answer");
-    EXPECT_EQ(categories[0].actions[0].options, UNNotificationActionOptions::foreground);
     EXPECT_EQ(categories[0].intentIdentifiers, std::vector<std::string>{"intent"});
     EXPECT_EQ(categories[0].options, 1u);
 
     seen.add(request("from-extension", std::nullopt), nullptr);
-    auto appView = appSide.userNotificationCenter->delivered();
-    ASSERT_EQ(appView.size(), 2u);
-    EXPECT_EQ(appView[1].request.identifier, "from-extension");
+    EXPECT_EQ(appSide.userNotificationCenter->delivered().size(), 2u);
 
     // Both sides run a timer for the reminder; the first to come due delivers it, once.
     appSide.platform->runLoop->runFor(60);
@@ -200,8 +185,7 @@ TEST_F(HeadlessPlatformTest, AppAndExtensionShareOneCentre) {
 
     struct stat st {};
     ASSERT_EQ(::stat((FileRoots::appFolder("com.example.shared") / "notifications.sqlite").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_FALSE(std::filesystem::exists(FileRoots::appFolder("com.example.shared.service")));
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "only the user reads the notifications";
 }
 
 TEST_F(HeadlessPlatformTest, TwoProcessesAddingAtOnceLoseNothing) {
@@ -218,7 +202,8 @@ TEST_F(HeadlessPlatformTest, TwoProcessesAddingAtOnceLoseNothing) {
 }
 
 TEST_F(HeadlessPlatformTest, ACorruptFileIsMovedAsideAndStartedAfresh) {
-    std::filesystem::create_directories(notificationsFile().parent_path());
+    const auto folder = notificationsFile().parent_path();
+    std::filesystem::create_directories(folder);
     std::ofstream(notificationsFile()) << std::string(4096, 'x');
     test::ConsoleCapture console;
 
@@ -230,10 +215,10 @@ TEST_F(HeadlessPlatformTest, ACorruptFileIsMovedAsideAndStartedAfresh) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("UserNotificationCenter: " + notificationsFile().string() + " was unreadable", 0), 0u)
         << lines[0];
-    std::size_t aside = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(notificationsFile().parent_path()))
-        if (entry.path().filename().string().rfind("notifications.sqlite.corrupt-", 0) == 0) ++aside;
-    EXPECT_EQ(aside, 1u);
+    EXPECT_EQ(std::count_if(std::filesystem::directory_iterator(folder), {}, [](const auto& entry) {
+                  return entry.path().filename().string().rfind("notifications.sqlite.corrupt-", 0) == 0;
+              }),
+              1);
 }
 
 }  // namespace
