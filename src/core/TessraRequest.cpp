@@ -3,8 +3,10 @@
 #include <cstdio>
 #include <ctime>
 
+#include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/core/Config.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
+#include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/Platform.hpp>
 
@@ -231,6 +233,94 @@ void TessraRequest::viewTrack(const std::string& url) {
     auto request = requestFor(url);
     if (!request) return;
     send(std::move(*request), [](const UrlResult&) {});
+}
+
+// ---- The ad feed ----
+//
+// The feed and the trackers go through the process's one URL session with a 10-second
+// timeout per request: a session of their own per request, as the phone makes it, would
+// cost a new connection (and worker) for every ad and every tracker.
+
+namespace {
+
+std::string trackId() {
+    auto bundle = platform::Bundle::main();
+    const PlistValue* value = bundle ? bundle->object("TessraQuillTrackID") : nullptr;
+    if (!value) fatalError("\"TessraQuillTrackID\" is missing from the application's Info.plist: the ad feed needs it");
+    const auto* text = value->asString();
+    if (!text) fatalError("\"TessraQuillTrackID\" in the application's Info.plist is not a string");
+    return *text;
+}
+
+std::string sizeText(std::int64_t width, std::int64_t height) {
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
+UrlRequest adRequest(Url url) {
+    UrlRequest request(std::move(url));
+    request.timeoutInterval = 10;
+    request.setValue("application/json", "Content-Type");
+    return request;
+}
+
+}  // namespace
+
+std::string TessraRequest::adFeedURL(const SizesForAdd& sizes, const std::string& adId) {
+    const auto screen = sizeText(sizes.screenWidth, sizes.screenHeight);
+    const auto ad = sizeText(sizes.adWidth, sizes.adHeight);
+    // "po", "rt", "cb" and "ar" are fixed values the feed expects as they stand; the
+    // screen and the ad size are each sent twice on purpose.
+    return "http://" + platform::deploymentHost(platform::DeploymentHost::ad) + "/v1/display/" + trackId() +
+           "?page=" TESSRA_AD_PAGE "&sr=" + screen + "&sa=" + screen +
+           "&po=3&rt=1649422465953.4434&cb=ax26w6of7s&ar=fpagc&as=" + adId + "&awh=" + ad + "&ad=" + ad + "&out=json";
+}
+
+void TessraRequest::loadAd(const SizesForAdd& sizes, const std::string& adId, AdCompletion completion) {
+    auto url = Url::parse(adFeedURL(sizes, adId));
+    if (!url) return;
+    send(adRequest(std::move(*url)), [completion](const UrlResult& result) {
+        if (result.data && result.response && result.response->statusCode == 200) {
+            std::optional<MavoObject> ad;
+            std::optional<AdError> error;
+            try {
+                const std::string text(result.data->begin(), result.data->end());
+                ad = nesting::parseJSON<ordered_json>(text).get<MavoObject>();
+            } catch (const DecodingError& e) {
+                error = e;
+            } catch (const std::exception& e) {
+                // Not JSON at all, or nested beyond the bound.
+                error = DecodingError(DecodingError::Kind::dataCorrupted,
+                                      std::string("The given data was not valid JSON. ") + e.what());
+            }
+            if (error) Console::print(std::get<DecodingError>(*error).description());
+            if (completion) completion(std::move(ad), std::move(error));
+            return;
+        }
+        // Any other answer, even an error status, says nothing to the caller.
+        if (!result.error) return;
+        Console::print(errorText(*result.error));
+        if (completion) completion(std::nullopt, AdError(*result.error));
+    });
+}
+
+void TessraRequest::sendTracker(const std::optional<std::string>& tracker,
+                                const std::optional<std::string>& trackerSuffix, TrackerCompletion completion) {
+    if (!tracker || !trackerSuffix) return;
+    static constexpr std::string_view kPlaceholder = "${l2}";
+    std::string text = *tracker;
+    for (auto at = text.find(kPlaceholder); at != std::string::npos;
+         at = text.find(kPlaceholder, at + trackerSuffix->size()))
+        text.replace(at, kPlaceholder.size(), *trackerSuffix);
+    auto url = Url::parse(text);
+    if (!url) return;
+    send(adRequest(std::move(*url)), [completion](const UrlResult& result) {
+        if (result.response && result.response->statusCode == 204) {
+            if (completion) completion(true, std::nullopt);
+        } else if (result.error) {
+            Console::print(errorText(*result.error));
+            if (completion) completion(false, result.error);
+        }
+    });
 }
 
 void TessraRequest::decreaseCounter(StorageKey counter) {

@@ -1,9 +1,12 @@
 #include "core/Text.hpp"
 
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <random>
 
 namespace tessrakite::detail {
 
@@ -61,6 +64,26 @@ std::string dateDescription(double secondsSince1970) {
     std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d %02d:%02d:%02d +0000", gmt.tm_year + 1900, gmt.tm_mon + 1,
                   gmt.tm_mday, gmt.tm_hour, gmt.tm_min, gmt.tm_sec);
     return buffer;
+}
+
+std::string uuidString() {
+    thread_local std::mt19937_64 generator{std::random_device{}()};
+    std::array<std::uint8_t, 16> bytes{};
+    for (std::size_t i = 0; i < bytes.size(); i += 8) {
+        const std::uint64_t word = generator();
+        for (std::size_t k = 0; k < 8; ++k) bytes[i + k] = static_cast<std::uint8_t>(word >> (8 * k));
+    }
+    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::string out;
+    out.reserve(36);
+    char hex[3];
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
+        std::snprintf(hex, sizeof hex, "%02X", bytes[i]);
+        out += hex;
+    }
+    return out;
 }
 
 }  // namespace tessrakite::detail

@@ -4,9 +4,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include <tessrakite/Export.hpp>
+#include <tessrakite/ads/MavoObject.hpp>
+#include <tessrakite/ads/SizesForAdd.hpp>
 #include <tessrakite/core/ActivityBody.hpp>
+#include <tessrakite/core/DecodingError.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/push/PCampaignObject.hpp>
@@ -42,6 +46,25 @@ public:
     void campaignGet(const std::string& e, CampaignCompletion completion);
     /// Fire-and-forget GET.
     void viewTrack(const std::string& url);
+
+    // ---- The ad feed ----
+    /// Why the feed gave no ad: a transport failure, or an answer that does not decode.
+    using AdError = std::variant<platform::UrlError, DecodingError>;
+    using AdCompletion = std::function<void(std::optional<MavoObject>, std::optional<AdError>)>;
+    /// GETs an ad from the feed host ("http://" + TESSRA_AD_HOST + "/v1/display/" + the
+    /// Info.plist's "TessraQuillTrackID" + the fixed query; 10-second timeout). Only a 200
+    /// is decoded; a transport error is printed and passed on; any other answer calls
+    /// nothing. A missing or non-text "TessraQuillTrackID" is a fatal stop.
+    void loadAd(const SizesForAdd& sizes, const std::string& adId, AdCompletion completion);
+    /// The feed URL for these sizes and ad id, as loadAd sends it.
+    static std::string adFeedURL(const SizesForAdd& sizes, const std::string& adId);
+    /// GETs `tracker` with every "${l2}" replaced by `trackerSuffix`; nothing when either is
+    /// absent. Only a 204 calls completion(true); a transport error calls completion(false)
+    /// with a line; any other answer calls nothing.
+    using TrackerCompletion = std::function<void(bool, std::optional<platform::UrlError>)>;
+    void sendTracker(const std::optional<std::string>& tracker, const std::optional<std::string>& trackerSuffix,
+                     TrackerCompletion completion);
+
     /// Lowers the counter by one, never below 1.
     void decreaseCounter(StorageKey counter = StorageKey::openCounter);
 

@@ -1,0 +1,100 @@
+#include <tessrakite/ads/TessraAdLoader.hpp>
+
+#include <cmath>
+#include <exception>
+#include <string>
+
+#include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Console.hpp>
+#include <tessrakite/platform/Platform.hpp>
+
+namespace tessrakite {
+
+namespace {
+
+// The native loader always asks the feed for this ad identifier.
+constexpr const char* kNativeAdId = "Mobile_Banner";
+
+// Screen sizes become whole points as a checked conversion does: a size that has no Int64
+// value is a fatal stop, not a wrapped number in the feed URL.
+std::int64_t wholePoints(double value) {
+    if (!std::isfinite(value)) fatalError("Double value cannot be converted to Int because it is either infinite or NaN");
+    if (value >= 9223372036854775808.0 || value < -9223372036854775808.0)
+        fatalError("Double value cannot be converted to Int because the result would be out of range");
+    return static_cast<std::int64_t>(value);
+}
+
+platform::Rect mainScreenBounds() {
+    auto screen = platform::currentPlatform()->screen;
+    return screen ? screen->bounds() : platform::Rect{};
+}
+
+// Ads load only after start-up finished with a config that asks for them.
+bool adsEnabled() {
+    if (!TessraQuill::initialized()) return false;
+    auto config = TessraQuill::config();
+    return config && config->mavo();
+}
+
+void fireImpression(const MavoObject& ad) {
+    std::optional<std::string> tracker, suffix;
+    if (ad.items && !ad.items->empty() && ad.items->front().md) {
+        const Md& md = *ad.items->front().md;
+        if (md.cpmT && !md.cpmT->empty()) tracker = md.cpmT->front();
+        suffix = md.l2;
+    }
+    TessraQuill::tessraRequest().sendTracker(tracker, suffix, [](bool, std::optional<platform::UrlError>) {});
+}
+
+}  // namespace
+
+TessraAdLoader::TessraAdLoader(std::shared_ptr<platform::ViewController> rootVC, NativeAdSize nativeSize)
+    : rootViewController(std::move(rootVC)) {
+    // Every size loads a full-screen ad: the argument deliberately changes nothing.
+    (void)nativeSize;
+    const auto bounds = mainScreenBounds();
+    adWidth = wholePoints(bounds.width);
+    adHeight = wholePoints(bounds.height);
+}
+
+std::shared_ptr<TessraAdLoaderDelegate> TessraAdLoader::delegate() const {
+    std::lock_guard lock(mutex_);
+    return delegate_.lock();
+}
+
+void TessraAdLoader::setDelegate(std::weak_ptr<TessraAdLoaderDelegate> delegate) {
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+void TessraAdLoader::loadAd(TessraRequest::AdCompletion completion) {
+    try {
+        if (!adsEnabled()) return;
+        std::weak_ptr<TessraAdLoader> weakSelf = weak_from_this();
+        if (weakSelf.expired()) {
+            Console::print("TessraAdLoader: create the loader with std::make_shared; this one cannot receive ads");
+            return;
+        }
+        const auto bounds = mainScreenBounds();
+        const SizesForAdd sizes{wholePoints(bounds.width), wholePoints(bounds.height), adWidth, adHeight};
+        TessraQuill::tessraRequest().loadAd(
+            sizes, kNativeAdId,
+            [weakSelf, completion](std::optional<MavoObject> ad, std::optional<TessraRequest::AdError> error) {
+                auto self = weakSelf.lock();
+                if (!self) return;
+                if (error || !ad) {
+                    if (auto delegate = self->delegate()) delegate->adLoader(*self, "Error");
+                    return;
+                }
+                platform::currentPlatform()->mainQueue().async([self, completion, ad = std::move(*ad)] {
+                    if (auto delegate = self->delegate()) delegate->adLoaderDidFinishLoading(*self, ad);
+                    fireImpression(ad);
+                    if (completion) completion(ad, std::nullopt);
+                });
+            });
+    } catch (const std::exception& e) {
+        Console::print(std::string("TessraAdLoader: loadAd failed: ") + e.what());
+    }
+}
+
+}  // namespace tessrakite
