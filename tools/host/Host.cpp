@@ -73,6 +73,22 @@ private:
     Output& out_;
 };
 
+// ---- The host's ad loader delegate: every call becomes a line. ----
+class HostAdDelegate final : public TessraAdLoaderDelegate {
+public:
+    explicit HostAdDelegate(Output& out) : out_(out) {}
+    void adLoader(TessraAdLoader&, const std::string& error) override {
+        out_.write({{"delegate", "adLoaderDidFailToReceiveAd"}, {"args", {{"error", error}}}});
+    }
+    void adLoaderDidFinishLoading(TessraAdLoader&, const MavoObject& ad) override {
+        out_.write({{"delegate", "adLoaderDidFinishLoading"},
+                    {"args", {{"viewId", ad.viewId}, {"ad", ad}}}});
+    }
+
+private:
+    Output& out_;
+};
+
 namespace {
 
 // A screen whose type name is whatever the script says.
@@ -864,6 +880,23 @@ void Host::registerOperations() {
     ops["store.remove"] = [](const Json& a) {
         StorageManager().defaultStorage->removeObject(stringArg(a, "key"));
         return Json(nullptr);
+    };
+
+    // ---- Ads ----
+    ops["adLoader.loadAd"] = [this](const Json& a) {
+        static const std::map<std::string, NativeAdSize> sizes = {
+            {"fullScreen", NativeAdSize::fullScreen}, {"medium", NativeAdSize::medium}, {"small", NativeAdSize::small}};
+        const auto name = a.contains("nativeSize") ? stringArg(a, "nativeSize") : std::string("fullScreen");
+        const auto size = sizes.find(name);
+        if (size == sizes.end()) throw BadArguments("\"nativeSize\" is \"fullScreen\", \"medium\" or \"small\"");
+        if (!adDelegate_) adDelegate_ = std::make_shared<HostAdDelegate>(out_);
+        auto loader = std::make_shared<TessraAdLoader>(nullptr, size->second);
+        loader->setDelegate(adDelegate_);
+        adLoaders_.push_back(loader);
+        loader->loadAd([this](std::optional<MavoObject> ad, std::optional<TessraRequest::AdError>) {
+            out_.write({{"callback", "loadAd"}, {"args", {{"viewId", ad ? Json(ad->viewId) : Json(nullptr)}}}});
+        });
+        return Json{{"adWidth", loader->adWidth}, {"adHeight", loader->adHeight}};
     };
 
     // ---- The device and time ----

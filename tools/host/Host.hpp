@@ -6,9 +6,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include <tessrakite/ads/TessraAdLoader.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
 #include <tessrakite/platform/ViewController.hpp>
@@ -54,6 +56,9 @@ private:
     std::map<std::string, Handler> operations_;
     std::shared_ptr<tessrakite::TessraConfig> config_;
     std::map<std::string, std::unique_ptr<tessrakite::platform::ViewController>> screens_;
+    std::shared_ptr<class HostAdDelegate> adDelegate_;
+    // Kept for the process's life, as an app keeps its loaders while their ads show.
+    std::vector<std::shared_ptr<tessrakite::TessraAdLoader>> adLoaders_;
     bool extension_ = false;
     bool running_ = true;
 };

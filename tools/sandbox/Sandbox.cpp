@@ -285,19 +285,41 @@ Json builtInCampaign(const std::string& id, const std::string& http) {
             {"t", Json::array({trackers + "/delivered"})}};
 }
 
-Json sampleAdFeed(const std::string& trackId, const std::string& http, std::uint64_t serial) {
-    std::string lower = trackId;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
+// The built-in feed's variants, named by a word in the track id or the "as" ad id.
+struct AdVariant {
+    std::string image = "/img/ad.png";
+    bool emptyItems = false;
+    bool withoutMd = false;
+    bool withoutImpression = false;
+};
+
+AdVariant adVariant(const std::string& trackId, const std::string& adId) {
+    std::string words = trackId + " " + adId;
+    std::transform(words.begin(), words.end(), words.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    const std::string image = lower.find("gif") != std::string::npos ? "/img/ad.gif" : "/img/ad.png";
+    const auto has = [&](std::string_view word) { return words.find(word) != std::string::npos; };
+    AdVariant variant;
+    if (has("gif"))
+        variant.image = "/img/ad.gif";
+    else if (has("jpeg") || has("jpg"))
+        variant.image = "/img/photo.jpg";
+    variant.emptyItems = has("empty");
+    variant.withoutMd = has("nomd");
+    variant.withoutImpression = has("nocpm");
+    return variant;
+}
+
+Json sampleAdFeed(const std::string& trackId, const std::string& adId, const std::string& http,
+                  std::uint64_t serial) {
+    const AdVariant variant = adVariant(trackId, adId);
     const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
                          std::chrono::system_clock::now().time_since_epoch())
                          .count();
     // Key order follows the feed's own coding order.
     Json md = {{"l2", "sandbox-" + std::to_string(serial)},
-               {"img", http + image},
+               {"img", http + variant.image},
                {"cmpid", 1001},
-               {"url", http + "/landing"},
+               {"url", http + "/landing?ad=" + std::to_string(serial) + "&l2=${l2}"},
                {"title", "TessraKite sandbox ad"},
                {"phone", "+10000000000"},
                {"downl", "Install"},
@@ -307,8 +329,10 @@ Json sampleAdFeed(const std::string& trackId, const std::string& http, std::uint
                {"cpv_t", Json::array({http + "/t/view?l2=${l2}"})},
                {"cpc_t", Json::array({http + "/t/click?l2=${l2}"})},
                {"creid", 2002}};
+    if (variant.withoutImpression) md.erase("cpm_t");
     Json item = {{"md", md}, {"s", true}, {"w", 320}, {"r", "sandbox"}, {"h", 480}, {"l", "en"}, {"e", trackId}};
-    return {{"items", Json::array({item})},
+    if (variant.withoutMd) item.erase("md");
+    return {{"items", variant.emptyItems ? Json::array() : Json::array({item})},
             {"session_id", "sandbox-session-" + std::to_string(serial)},
             {"callback", ""},
             {"elapsed", 1},
@@ -778,7 +802,9 @@ void Sandbox::adFeed(const Request& req, Response& res) {
     const std::string trackId = req.path.substr(std::string_view("/v1/display/").size());
     const std::optional<std::string> document = stateDocument("ads", trackId);
     res.status = 200;
-    res.set_content(document ? *document : dumpJson(sampleAdFeed(trackId, substitute("{{http}}"), ++adCounter_)),
+    res.set_content(document ? *document
+                             : dumpJson(sampleAdFeed(trackId, req.get_param_value("as"), substitute("{{http}}"),
+                                                     ++adCounter_)),
                     "application/json");
 }
 
