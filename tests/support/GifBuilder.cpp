@@ -1,0 +1,74 @@
+#include "GifBuilder.hpp"
+
+#include <stdexcept>
+
+#include <gif_lib.h>
+
+namespace tessrakite::test {
+
+GifFrameSpec GifFrameSpec::filled(int left, int top, int width, int height, std::uint8_t index) {
+    GifFrameSpec spec;
+    spec.left = left;
+    spec.top = top;
+    spec.width = width;
+    spec.height = height;
+    spec.indices.assign(static_cast<std::size_t>(width * height), index);
+    return spec;
+}
+
+namespace {
+
+int append(GifFileType* gif, const GifByteType* bytes, int count) {
+    auto* out = static_cast<Data*>(gif->UserData);
+    out->insert(out->end(), bytes, bytes + count);
+    return count;
+}
+
+void check(int rc, const char* what) {
+    if (rc == GIF_ERROR) throw std::runtime_error(std::string("giflib: ") + what);
+}
+
+}  // namespace
+
+Data makeGif(int width, int height, const std::vector<Rgb>& palette, std::optional<int> loopCount,
+             const std::vector<GifFrameSpec>& frames) {
+    Data out;
+    int error = 0;
+    GifFileType* gif = EGifOpen(&out, append, &error);
+    if (!gif) throw std::runtime_error("giflib: cannot open the encoder");
+    EGifSetGifVersion(gif, true);
+    std::vector<GifColorType> colors;
+    for (const auto& c : palette) colors.push_back(GifColorType{c[0], c[1], c[2]});
+    ColorMapObject* map = GifMakeMapObject(static_cast<int>(colors.size()), colors.data());
+    check(EGifPutScreenDesc(gif, width, height, 8, 0, map), "screen");
+    GifFreeMapObject(map);
+    if (loopCount) {
+        const GifByteType app[] = {'N', 'E', 'T', 'S', 'C', 'A', 'P', 'E', '2', '.', '0'};
+        const GifByteType loop[] = {1, static_cast<GifByteType>(*loopCount & 0xFF),
+                                    static_cast<GifByteType>((*loopCount >> 8) & 0xFF)};
+        check(EGifPutExtensionLeader(gif, APPLICATION_EXT_FUNC_CODE), "loop");
+        check(EGifPutExtensionBlock(gif, sizeof app, app), "loop");
+        check(EGifPutExtensionBlock(gif, sizeof loop, loop), "loop");
+        check(EGifPutExtensionTrailer(gif), "loop");
+    }
+    for (const auto& frame : frames) {
+        GraphicsControlBlock control{};
+        control.DisposalMode = frame.disposal;
+        control.DelayTime = frame.delayCs;
+        control.TransparentColor = frame.transparent;
+        GifByteType block[4];
+        const auto length = EGifGCBToExtension(&control, block);
+        check(EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, static_cast<int>(length), block), "control");
+        check(EGifPutImageDesc(gif, frame.left, frame.top, frame.width, frame.height, false, nullptr), "image");
+        std::vector<GifPixelType> row(static_cast<std::size_t>(frame.width));
+        for (int y = 0; y < frame.height; ++y) {
+            for (int x = 0; x < frame.width; ++x)
+                row[static_cast<std::size_t>(x)] = frame.indices[static_cast<std::size_t>(y * frame.width + x)];
+            check(EGifPutLine(gif, row.data(), frame.width), "line");
+        }
+    }
+    check(EGifCloseFile(gif, &error), "close");
+    return out;
+}
+
+}  // namespace tessrakite::test
