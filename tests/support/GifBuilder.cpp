@@ -1,6 +1,8 @@
 #include "GifBuilder.hpp"
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include <gif_lib.h>
 
@@ -59,9 +61,18 @@ Data makeGif(int width, int height, const std::vector<Rgb>& palette, std::option
         GifByteType block[4];
         const auto length = EGifGCBToExtension(&control, block);
         check(EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, static_cast<int>(length), block), "control");
-        check(EGifPutImageDesc(gif, frame.left, frame.top, frame.width, frame.height, false, nullptr), "image");
+        check(EGifPutImageDesc(gif, frame.left, frame.top, frame.width, frame.height, frame.interlaced, nullptr),
+              "image");
+        // An interlaced image is written in its four passes' row order.
+        std::vector<int> order;
+        if (frame.interlaced) {
+            for (auto [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}})
+                for (int y = start; y < frame.height; y += step) order.push_back(y);
+        } else {
+            for (int y = 0; y < frame.height; ++y) order.push_back(y);
+        }
         std::vector<GifPixelType> row(static_cast<std::size_t>(frame.width));
-        for (int y = 0; y < frame.height; ++y) {
+        for (int y : order) {
             for (int x = 0; x < frame.width; ++x)
                 row[static_cast<std::size_t>(x)] = frame.indices[static_cast<std::size_t>(y * frame.width + x)];
             check(EGifPutLine(gif, row.data(), frame.width), "line");

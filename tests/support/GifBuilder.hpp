@@ -16,6 +16,7 @@ struct GifFrameSpec {
     int delayCs = 10;
     int disposal = 0;  // 0 unspecified, 1 keep, 2 background, 3 previous
     int transparent = -1;
+    bool interlaced = false;
 
     /// A rectangle of one colour.
     static GifFrameSpec filled(int left, int top, int width, int height, std::uint8_t index);

@@ -52,6 +52,14 @@ Data restoresPrevious() {
                           frame(GifFrameSpec::filled(2, 2, 2, 2, 2), 7, 0)});
 }
 
+// 2x8, one interlaced frame whose rows cycle through the four colours.
+Data interlaced() {
+    auto rows = GifFrameSpec::filled(0, 0, 2, 8, 0);
+    for (std::size_t i = 0; i < rows.indices.size(); ++i) rows.indices[i] = static_cast<std::uint8_t>((i / 2) % 3);
+    rows.interlaced = true;
+    return test::makeGif(2, 8, kPalette, std::nullopt, {rows});
+}
+
 struct Probe {
     int x, y;
     Rgba colour;
@@ -73,6 +81,8 @@ TEST(GifDecoder, ComposesEachFrameOnTheCanvasWithItsDelayDisposalAndTransparency
         {"previous disposal, delay 1 plays at 10 cs, loops forever", restoresPrevious(), {0.1, 0.05, 0.07}, 0,
          {{{0, 0, kRed}, {3, 3, kRed}}, {{0, 0, kGreen}, {1, 1, kGreen}, {3, 3, kRed}}, {{0, 0, kRed}, {1, 1, kRed}, {3, 3, kBlue}}}},
         {"no looping extension", threeFrames(std::nullopt), {0.2, 0.1, 0.5}, std::nullopt, {{}, {}, {}}},
+        {"interlaced rows land in place", interlaced(), {0.1}, std::nullopt,
+         {{{0, 0, kRed}, {1, 1, kGreen}, {0, 2, kBlue}, {1, 3, kRed}, {0, 4, kGreen}, {1, 5, kBlue}, {0, 7, kGreen}}}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
