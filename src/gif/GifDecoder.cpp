@@ -102,6 +102,7 @@ struct GifDecoder::State {
 
     // Copies the rectangle out of the canvas (save) or back into it.
     void copyRect(const Rect& r, std::uint8_t* buffer, bool save) {
+        if (r.width <= 0 || r.height <= 0) return;
         const std::size_t stride = static_cast<std::size_t>(r.width) * 4;
         for (int y = 0; y < r.height; ++y) {
             std::uint8_t* line = pixel(r.x, r.y + y);
