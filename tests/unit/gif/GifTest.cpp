@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <tessrakite/gif/GifDecoder.hpp>
@@ -229,6 +231,34 @@ TEST_F(GifManagerTest, AFailedFetchOrDecodeShowsNothingAndSaysWhy) {
     pump();
     EXPECT_TRUE(console->contains("GIF: cannot decode the GIF bytes"));
     EXPECT_TRUE(target->shown.empty());
+    EXPECT_EQ(manager.playingCount(), 0u);
+}
+
+TEST_F(GifManagerTest, CallsFromAnotherThreadWhilePlayingStayWithinTheLimit) {
+    const Data a = threeFrames(0), b = restoresPrevious();
+    GifManager manager;
+    std::vector<std::shared_ptr<Recorder>> targets;
+    for (int i = 0; i < 4; ++i) targets.push_back(std::make_shared<Recorder>(clock, i % 2 ? a : b));
+    std::atomic<bool> done{false};
+    std::thread caller([&] {
+        for (int round = 0; round < 200; ++round) {
+            const auto& target = targets[static_cast<std::size_t>(round) % targets.size()];
+            if (round % 3 == 2)
+                manager.stop(target);
+            else
+                manager.play(round % 2 ? a : b, target);
+            manager.setMemoryLimit(round % 5 == 0 ? 300 : GifManager::kDefaultMemoryLimit);
+            EXPECT_LE(manager.memoryUsage(), manager.memoryLimit() + 3 * 256);  // a decoding in flight
+        }
+        done = true;
+    });
+    while (!done) headless.platform->runLoop->runFor(0.05);
+    caller.join();
+    manager.setMemoryLimit(300);
+    pump();
+    headless.platform->runLoop->runFor(1.0);
+    EXPECT_LE(manager.memoryUsage(), 300u);
+    for (const auto& t : targets) manager.stop(t);
     EXPECT_EQ(manager.playingCount(), 0u);
 }
 
