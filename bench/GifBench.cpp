@@ -48,9 +48,9 @@ double statusKb(const std::string& field) {
 Data banner(int which, int delayCs) {
     const auto shade = static_cast<std::uint8_t>(which * 20);
     const std::vector<test::Rgb> palette{{shade, 0, 0}, {255, shade, 0}, {0, 0, 255}, {255, 255, 255}};
-    std::vector<test::GifFrameSpec> frames;
+    std::vector<test::GifFramePlan> frames;
     for (int f = 0; f < kFrames; ++f) {
-        auto frame = test::GifFrameSpec::filled(0, 0, kWidth, kHeight, 0);
+        auto frame = test::GifFramePlan::filled(0, 0, kWidth, kHeight, 0);
         const int bar = (f * (3 + which) * 5) % kWidth;
         for (int y = 0; y < kHeight; ++y)
             for (int x = bar; x < std::min(bar + 24, kWidth); ++x)

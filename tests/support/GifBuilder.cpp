@@ -8,14 +8,14 @@
 
 namespace tessrakite::test {
 
-GifFrameSpec GifFrameSpec::filled(int left, int top, int width, int height, std::uint8_t index) {
-    GifFrameSpec spec;
-    spec.left = left;
-    spec.top = top;
-    spec.width = width;
-    spec.height = height;
-    spec.indices.assign(static_cast<std::size_t>(width * height), index);
-    return spec;
+GifFramePlan GifFramePlan::filled(int left, int top, int width, int height, std::uint8_t index) {
+    GifFramePlan plan;
+    plan.left = left;
+    plan.top = top;
+    plan.width = width;
+    plan.height = height;
+    plan.indices.assign(static_cast<std::size_t>(width * height), index);
+    return plan;
 }
 
 namespace {
@@ -33,7 +33,7 @@ void check(int rc, const char* what) {
 }  // namespace
 
 Data makeGif(int width, int height, const std::vector<Rgb>& palette, std::optional<int> loopCount,
-             const std::vector<GifFrameSpec>& frames) {
+             const std::vector<GifFramePlan>& frames) {
     Data out;
     int error = 0;
     GifFileType* gif = EGifOpen(&out, append, &error);

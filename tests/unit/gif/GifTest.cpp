@@ -16,7 +16,7 @@
 #include "SdkFixture.hpp"
 
 using namespace tessrakite;
-using test::GifFrameSpec;
+using test::GifFramePlan;
 
 namespace {
 
@@ -30,33 +30,33 @@ Rgba pixelAt(const platform::Image& image, int x, int y) {
     return out;
 }
 
-GifFrameSpec frame(GifFrameSpec spec, int delayCs, int disposal, int transparent = -1) {
-    spec.delayCs = delayCs;
-    spec.disposal = disposal;
-    spec.transparent = transparent;
-    return spec;
+GifFramePlan frame(GifFramePlan plan, int delayCs, int disposal, int transparent = -1) {
+    plan.delayCs = delayCs;
+    plan.disposal = disposal;
+    plan.transparent = transparent;
+    return plan;
 }
 
 // 8x8, repeats once: red everywhere; a blue square with a transparent corner, cleared to
 // the background afterwards; a green corner.
 Data threeFrames(std::optional<int> loops = 1) {
-    auto square = GifFrameSpec::filled(2, 2, 4, 4, 2);
+    auto square = GifFramePlan::filled(2, 2, 4, 4, 2);
     square.indices[0] = 3;
     return test::makeGif(8, 8, kPalette, loops,
-                         {frame(GifFrameSpec::filled(0, 0, 8, 8, 0), 20, 1), frame(square, 0, 2, 3),
-                          frame(GifFrameSpec::filled(0, 0, 2, 2, 1), 50, 3)});
+                         {frame(GifFramePlan::filled(0, 0, 8, 8, 0), 20, 1), frame(square, 0, 2, 3),
+                          frame(GifFramePlan::filled(0, 0, 2, 2, 1), 50, 3)});
 }
 
 // 4x4, forever: red; a green corner drawn over it and taken back ("previous"); blue.
 Data restoresPrevious() {
     return test::makeGif(4, 4, kPalette, 0,
-                         {frame(GifFrameSpec::filled(0, 0, 4, 4, 0), 1, 1), frame(GifFrameSpec::filled(0, 0, 2, 2, 1), 5, 3),
-                          frame(GifFrameSpec::filled(2, 2, 2, 2, 2), 7, 0)});
+                         {frame(GifFramePlan::filled(0, 0, 4, 4, 0), 1, 1), frame(GifFramePlan::filled(0, 0, 2, 2, 1), 5, 3),
+                          frame(GifFramePlan::filled(2, 2, 2, 2, 2), 7, 0)});
 }
 
 // 2x8, one interlaced frame whose rows cycle through the four colours.
 Data interlaced() {
-    auto rows = GifFrameSpec::filled(0, 0, 2, 8, 0);
+    auto rows = GifFramePlan::filled(0, 0, 2, 8, 0);
     for (std::size_t i = 0; i < rows.indices.size(); ++i) rows.indices[i] = static_cast<std::uint8_t>((i / 2) % 3);
     rows.interlaced = true;
     return test::makeGif(2, 8, kPalette, std::nullopt, {rows});
@@ -104,9 +104,9 @@ TEST(GifDecoder, ComposesEachFrameOnTheCanvasWithItsDelayDisposalAndTransparency
 
 TEST(GifDecoder, BadInputKeepsWhatDecodedOrFailsWithoutCrashing) {
     const Data full = threeFrames();
-    const Data oneFrame = test::makeGif(8, 8, kPalette, 1, {frame(GifFrameSpec::filled(0, 0, 8, 8, 0), 20, 1)});
+    const Data oneFrame = test::makeGif(8, 8, kPalette, 1, {frame(GifFramePlan::filled(0, 0, 8, 8, 0), 20, 1)});
     const Data twoFrames = test::makeGif(8, 8, kPalette, 1,
-                                         {frame(GifFrameSpec::filled(0, 0, 8, 8, 0), 20, 1), frame(GifFrameSpec::filled(0, 0, 8, 8, 1), 20, 1)});
+                                         {frame(GifFramePlan::filled(0, 0, 8, 8, 0), 20, 1), frame(GifFramePlan::filled(0, 0, 8, 8, 1), 20, 1)});
     // The two-frame file starts with the one-frame file minus its trailer.
     const std::size_t secondStart = oneFrame.size() - 1;
     const auto cut = [](const Data& d, std::size_t n) { return Data(d.begin(), d.begin() + static_cast<std::ptrdiff_t>(n)); };
@@ -122,7 +122,7 @@ TEST(GifDecoder, BadInputKeepsWhatDecodedOrFailsWithoutCrashing) {
         {"truncated in the first frame", cut(oneFrame, oneFrame.size() - 6), 0},
         {"truncated in the second frame", cut(twoFrames, secondStart + (twoFrames.size() - secondStart) / 2), 1},
         {"no trailer", cut(full, full.size() - 1), 3},
-        {"65535x65535 canvas", test::makeGif(65535, 65535, kPalette, std::nullopt, {GifFrameSpec::filled(0, 0, 1, 1, 0)}), 0},
+        {"65535x65535 canvas", test::makeGif(65535, 65535, kPalette, std::nullopt, {GifFramePlan::filled(0, 0, 1, 1, 0)}), 0},
         {"not a GIF", Data{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 0, 0, 0, 0, 0}, 0},
     };
     for (const auto& c : cases) {
