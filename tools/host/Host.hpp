@@ -53,7 +53,7 @@ private:
     std::shared_ptr<class HostDelegate> delegate_;
     std::map<std::string, Handler> operations_;
     std::shared_ptr<tessrakite::TessraConfig> config_;
-    std::map<std::string, std::unique_ptr<tessrakite::platform::ViewController>> screens_;
+    std::map<std::string, std::shared_ptr<tessrakite::platform::ViewController>> screens_;
     bool extension_ = false;
     bool running_ = true;
 };
