@@ -35,11 +35,15 @@ void configure(PangoLayout* layout, const std::string& text, double fontSize, do
                std::int64_t numberOfLines, TextAlignment alignment) {
     std::unique_ptr<PangoFontDescription, decltype(&pango_font_description_free)> font(
         pango_font_description_from_string("Sans"), pango_font_description_free);
-    pango_font_description_set_absolute_size(font.get(), std::max(1.0, fontSize) * PANGO_SCALE);
+    // Bounded so that pango's fixed-point units cannot overflow.
+    pango_font_description_set_absolute_size(font.get(), std::clamp(fontSize, 1.0, 1000.0) * PANGO_SCALE);
     pango_layout_set_font_description(layout, font.get());
-    pango_layout_set_text(layout, text.c_str(), static_cast<int>(text.size()));
+    // Pango takes UTF-8 only; a host's broken bytes become replacement characters.
+    std::unique_ptr<gchar, decltype(&g_free)> valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())),
+                                                    g_free);
+    pango_layout_set_text(layout, valid.get(), -1);
     if (width > 0) {
-        pango_layout_set_width(layout, static_cast<int>(width * PANGO_SCALE));
+        pango_layout_set_width(layout, static_cast<int>(std::min(width, 1e6) * PANGO_SCALE));
         pango_layout_set_wrap(layout, PANGO_WRAP_WORD_CHAR);
         if (numberOfLines > 0) {
             pango_layout_set_height(layout, -static_cast<int>(std::min<std::int64_t>(numberOfLines, 10000)));
