@@ -9,6 +9,8 @@ find_package(GIF 5 REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+# Cairo and pango draw the view tree into PNG snapshots; only the renderer includes them.
+pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET cairo pangocairo)
 
 # cpp-httplib (Debian's build, compiled against OpenSSL, zlib and brotli) serves the sandbox
 # tool and the tests' fake backend.

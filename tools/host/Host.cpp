@@ -22,6 +22,7 @@
 #include <tessrakite/crash/JtCrashReporter.hpp>
 #include <tessrakite/crash/OperationQueue.hpp>
 #include <tessrakite/platform/Console.hpp>
+#include <tessrakite/platform/ViewSnapshot.hpp>
 #include <tessrakite/push/NotificationObject.hpp>
 #include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushObj.hpp>
@@ -626,12 +627,50 @@ void Host::registerOperations() {
         auto event = stringArg(a, "event");
         if (event != "appear" && event != "disappear") throw BadArguments("\"event\" is \"appear\" or \"disappear\"");
         auto& screen = screens_[name];
-        if (!screen) screen = std::make_unique<ScriptedScreen>(name);
+        if (!screen) screen = std::make_shared<ScriptedScreen>(name);
         if (event == "appear")
             screen->viewDidAppear(true);
         else
             screen->viewDidDisappear(true);
         return Json(screen->description());
+    };
+
+    ops["root"] = [this](const Json& a) {
+        auto name = stringArg(a, "class");
+        auto& screen = screens_[name];
+        if (!screen) screen = std::make_shared<ScriptedScreen>(name);
+        headless_.window->setRootViewController(screen);
+        return Json(screen->description());
+    };
+
+    // ---- The screen as drawn ----
+    ops["snapshot"] = [this](const Json& a) {
+        auto path = stringArg(a, "path");
+        if (auto error = platform::renderPNG(*headless_.window, path)) throw BadArguments(*error);
+        const auto frame = headless_.window->frame;
+        return Json{{"path", path}, {"width", frame.width}, {"height", frame.height}};
+    };
+    ops["views"] = [this](const Json&) {
+        headless_.window->layoutIfNeeded();
+        return platform::toJSON(*headless_.window);
+    };
+    ops["tap"] = [this](const Json& a) {
+        headless_.window->layoutIfNeeded();
+        platform::View* view = nullptr;
+        if (a.contains("identifier")) {
+            view = headless_.window->viewWithAccessibilityIdentifier(stringArg(a, "identifier"));
+            if (!view) throw BadArguments("no view has that identifier");
+        } else {
+            const auto& path = member(a, "path");
+            if (!path.is_array()) throw BadArguments("\"path\" must be an array of child indices");
+            view = headless_.window.get();
+            for (const auto& index : path) {
+                if (!index.is_number_unsigned() || index.get<std::size_t>() >= view->subviews().size())
+                    throw BadArguments("\"path\" leads to no view");
+                view = view->subviews()[index.get<std::size_t>()].get();
+            }
+        }
+        return Json(view->tap());
     };
 
     // ---- Campaign parameters ----

@@ -55,7 +55,7 @@ private:
     std::shared_ptr<class HostDelegate> delegate_;
     std::map<std::string, Handler> operations_;
     std::shared_ptr<tessrakite::TessraConfig> config_;
-    std::map<std::string, std::unique_ptr<tessrakite::platform::ViewController>> screens_;
+    std::map<std::string, std::shared_ptr<tessrakite::platform::ViewController>> screens_;
     std::shared_ptr<class HostAdDelegate> adDelegate_;
     // Kept for the process's life, as an app keeps its loaders while their ads show.
     std::vector<std::shared_ptr<tessrakite::TessraAdLoader>> adLoaders_;

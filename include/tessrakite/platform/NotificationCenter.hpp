@@ -18,6 +18,11 @@ inline constexpr const char* willEnterForeground = "UIApplicationWillEnterForegr
 inline constexpr const char* willTerminate = "UIApplicationWillTerminateNotification";
 }  // namespace AppNotification
 
+/// Device notification names.
+namespace DeviceNotification {
+inline constexpr const char* orientationDidChange = "UIDeviceOrientationDidChangeNotification";
+}  // namespace DeviceNotification
+
 /// An observer registry: observers run on the thread that posts.
 class TESSRA_EXPORT NotificationCenter {
 public:

@@ -14,6 +14,8 @@
 
 namespace tessrakite::platform {
 
+class Window;
+
 /// The operating-system services the SDK uses. A host may replace the process-wide
 /// platform before TessraQuill::initialize; the default is the headless platform.
 struct TESSRA_EXPORT Platform {
@@ -26,6 +28,7 @@ struct TESSRA_EXPORT Platform {
     std::shared_ptr<UserNotificationCenter> userNotificationCenter;
     std::shared_ptr<Screen> screen;
     std::shared_ptr<Device> device;
+    std::shared_ptr<Window> keyWindow;  // the application's key window; none for an extension
 
     MainQueue& mainQueue() const { return *runLoop; }
 };

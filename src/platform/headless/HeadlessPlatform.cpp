@@ -5,6 +5,8 @@
 
 #include <sys/utsname.h>
 
+#include <tessrakite/platform/ViewController.hpp>
+
 namespace tessrakite::platform::headless {
 
 using nlohmann::ordered_json;
@@ -179,14 +181,19 @@ void HeadlessApplication::expireBackgroundTasks() {
 
 // ---- Screen and device ----
 
+HeadlessScreen::HeadlessScreen(std::function<void(Rect)> boundsChanged) : boundsChanged_(std::move(boundsChanged)) {}
+
 Rect HeadlessScreen::bounds() const {
     std::lock_guard lock(mutex_);
     return bounds_;
 }
 
 void HeadlessScreen::setBounds(Rect bounds) {
-    std::lock_guard lock(mutex_);
-    bounds_ = bounds;
+    {
+        std::lock_guard lock(mutex_);
+        bounds_ = bounds;
+    }
+    if (boundsChanged_) boundsChanged_(bounds);
 }
 
 namespace {
@@ -196,6 +203,9 @@ utsname unameInfo() {
     return u;
 }
 }  // namespace
+
+HeadlessDevice::HeadlessDevice(std::shared_ptr<NotificationCenter> notificationCenter)
+    : notificationCenter_(std::move(notificationCenter)) {}
 
 std::string HeadlessDevice::machine() const { return unameInfo().machine; }
 std::string HeadlessDevice::systemName() const { return unameInfo().sysname; }
@@ -217,11 +227,57 @@ DeviceOrientation HeadlessDevice::orientation() const {
 }
 
 void HeadlessDevice::setOrientation(DeviceOrientation orientation) {
-    std::lock_guard lock(mutex_);
-    orientation_ = orientation;
+    {
+        std::lock_guard lock(mutex_);
+        if (orientation_ == orientation) return;
+        orientation_ = orientation;
+    }
+    if (notificationCenter_) notificationCenter_->post(DeviceNotification::orientationDidChange);
 }
 
 // ---- Assembly ----
+
+namespace {
+const char* styleName(ModalPresentationStyle style) {
+    using S = ModalPresentationStyle;
+    switch (style) {
+        case S::automatic: return "automatic";
+        case S::fullScreen: return "fullScreen";
+        case S::pageSheet: return "pageSheet";
+        case S::formSheet: return "formSheet";
+        case S::overFullScreen: return "overFullScreen";
+        case S::overCurrentContext: break;
+    }
+    return "overCurrentContext";
+}
+
+/// The window: sized to the screen, turned with the device, reporting its transitions.
+std::shared_ptr<Window> makeWindow(const std::shared_ptr<Effects>& effects) {
+    auto window = std::make_shared<Window>(Rect{0, 0, 390, 844});
+    window->makeKeyAndVisible();
+    window->setTransitionObserver([effects](const std::string& name, const ViewController& controller, bool animated) {
+        ordered_json args = {{"controller", controller.typeName()}};
+        if (auto* presenting = controller.presentingViewController()) args["presenting"] = presenting->typeName();
+        args["style"] = styleName(controller.modalPresentationStyle);
+        args["animated"] = animated;
+        effects->emit(name, args);
+    });
+    return window;
+}
+
+/// A portrait orientation makes the screen higher than wide, a landscape one wider than
+/// high; lying flat or unknown keeps the interface as it was.
+void turnScreen(HeadlessScreen& screen, DeviceOrientation orientation) {
+    using O = DeviceOrientation;
+    const bool landscape = orientation == O::landscapeLeft || orientation == O::landscapeRight;
+    const bool portrait = orientation == O::portrait || orientation == O::portraitUpsideDown;
+    if (!landscape && !portrait) return;
+    const Rect b = screen.bounds();
+    const double shortSide = std::min(b.width, b.height), longSide = std::max(b.width, b.height);
+    const Rect turned = landscape ? Rect{b.x, b.y, longSide, shortSide} : Rect{b.x, b.y, shortSide, longSide};
+    if (turned != b) screen.setBounds(turned);
+}
+}  // namespace
 
 Headless makeHeadlessPlatform(HeadlessOptions options) {
     Headless h;
@@ -243,8 +299,22 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.notificationCenter = std::make_shared<HeadlessNotificationCenter>();
     h.application = std::make_shared<HeadlessApplication>(h.effects, runLoop);
     h.userNotificationCenter = std::make_shared<HeadlessUserNotificationCenter>(h.effects, runLoop, clock, utility);
-    h.screen = std::make_shared<HeadlessScreen>();
-    h.device = std::make_shared<HeadlessDevice>();
+    h.window = makeWindow(h.effects);
+    std::weak_ptr<Window> weakWindow = h.window;
+    h.screen = std::make_shared<HeadlessScreen>([weakWindow](Rect bounds) {
+        if (auto window = weakWindow.lock()) {
+            window->frame = bounds;
+            window->layoutIfNeeded();
+        }
+    });
+    h.device = std::make_shared<HeadlessDevice>(h.notificationCenter);
+    // Registered first, so the window has turned before any screen's own observer runs.
+    h.notificationCenter->addObserver(DeviceNotification::orientationDidChange,
+                                      [weakScreen = std::weak_ptr(h.screen), weakDevice = std::weak_ptr(h.device)] {
+                                          auto screen = weakScreen.lock();
+                                          auto device = weakDevice.lock();
+                                          if (screen && device) turnScreen(*screen, device->orientation());
+                                      });
     h.platform = std::make_shared<Platform>();
     h.platform->clock = clock;
     h.platform->runLoop = runLoop;
@@ -255,6 +325,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.platform->userNotificationCenter = h.userNotificationCenter;
     h.platform->screen = h.screen;
     h.platform->device = h.device;
+    h.platform->keyWindow = h.window;
     return h;
 }
 

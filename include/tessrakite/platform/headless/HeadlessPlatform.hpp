@@ -13,6 +13,7 @@
 
 #include <tessrakite/Export.hpp>
 #include <tessrakite/platform/Platform.hpp>
+#include <tessrakite/platform/Window.hpp>
 
 namespace tessrakite::platform::headless {
 
@@ -152,18 +153,24 @@ private:
     std::shared_ptr<SerialQueue> queries_;
 };
 
+/// The screen's bounds follow the interface: a landscape orientation makes them wider
+/// than high. `boundsChanged` runs on the caller's thread after each change.
 class TESSRA_EXPORT HeadlessScreen final : public Screen {
 public:
+    explicit HeadlessScreen(std::function<void(Rect)> boundsChanged = nullptr);
     Rect bounds() const override;
     void setBounds(Rect bounds);
 
 private:
     mutable std::mutex mutex_;
     Rect bounds_{0, 0, 390, 844};
+    std::function<void(Rect)> boundsChanged_;
 };
 
+/// A change of orientation is posted as DeviceNotification::orientationDidChange.
 class TESSRA_EXPORT HeadlessDevice final : public Device {
 public:
+    explicit HeadlessDevice(std::shared_ptr<NotificationCenter> notificationCenter = nullptr);
     std::string machine() const override;
     std::string systemName() const override;
     std::string systemVersion() const override;
@@ -173,6 +180,7 @@ public:
     void setOrientation(DeviceOrientation orientation);
 
 private:
+    std::shared_ptr<NotificationCenter> notificationCenter_;
     mutable std::mutex mutex_;
     DeviceOrientation orientation_ = DeviceOrientation::portrait;
 };
@@ -192,6 +200,9 @@ struct TESSRA_EXPORT Headless {
     std::shared_ptr<HeadlessUserNotificationCenter> userNotificationCenter;
     std::shared_ptr<HeadlessScreen> screen;
     std::shared_ptr<HeadlessDevice> device;
+    /// The key window, sized to the screen: a portrait or landscape orientation turns both
+    /// and lays the window out again. Presentations report "present" and "dismiss".
+    std::shared_ptr<Window> window;
 };
 
 TESSRA_EXPORT Headless makeHeadlessPlatform(HeadlessOptions options = {});
