@@ -93,13 +93,16 @@ bool RunLoop::runUntilIdle(double maxSeconds) {
     auto deadline = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(maxSeconds));
     for (;;) {
         runOnce();
+        // Busy sources first: work that ends between the two checks has already posted
+        // what it posts, so the queue check below sees it.
+        const bool wasBusy = busy();
         bool anyDue;
         {
             std::lock_guard lock(mutex_);
             double now = clock_->now();
             anyDue = std::any_of(items_.begin(), items_.end(), [now](const Item& i) { return i.due <= now; });
         }
-        if (!anyDue && !busy()) return true;
+        if (!anyDue && !wasBusy) return true;
         if (Steady::now() >= deadline) return false;
         std::unique_lock lock(mutex_);
         wake_.wait_for(lock, std::chrono::milliseconds(2));
