@@ -12,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 
+#include <tessrakite/ads/AppOpenAd.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -937,6 +938,78 @@ void Host::registerOperations() {
         });
         return Json{{"adWidth", loader->adWidth}, {"adHeight", loader->adHeight}};
     };
+
+    // ---- App-open ad ----
+    {
+        // Delegate calls become lines; the ad and its delegate live as long as the host.
+        class AppOpenLines final : public AppOpenAdDelegate {
+        public:
+            explicit AppOpenLines(Output& out) : out_(out) {}
+            void didFailToLoadAd() override { line("didFailToLoadAd"); }
+            void addWillPresentFullScreenContent() override { line("addWillPresentFullScreenContent"); }
+            void adDidDismissFullScreenContent() override { line("adDidDismissFullScreenContent"); }
+
+        private:
+            void line(const char* name) { out_.write({{"delegate", name}, {"args", Json::object()}}); }
+            Output& out_;
+        };
+        struct AppOpenState {
+            std::shared_ptr<AppOpenAd> ad;
+            std::shared_ptr<AppOpenLines> lines;
+        };
+        auto state = std::make_shared<AppOpenState>();
+        auto created = [state]() -> AppOpenAd& {
+            if (!state->ad) throw BadArguments("no app-open ad: call appOpen.create first");
+            return *state->ad;
+        };
+        auto shown = [created]() -> AppOpenAdController& {
+            auto controller = created().appOpenController;
+            if (!controller) throw BadArguments("no app-open ad is shown");
+            return *controller;
+        };
+        auto flags = [](const AppOpenAd& ad) {
+            return Json{{"isLoading", ad.isLoading}, {"isObjetReady", ad.isObjetReady}, {"isPresented", ad.isPresented}};
+        };
+        ops["appOpen.create"] = [this, state, flags](const Json&) {
+            state->ad = std::make_shared<AppOpenAd>();
+            if (!state->lines) state->lines = std::make_shared<AppOpenLines>(out_);
+            state->ad->delegate = state->lines;
+            return flags(*state->ad);
+        };
+        ops["appOpen.loadAppOpenAd"] = [created, flags](const Json& a) {
+            auto& ad = created();
+            ad.loadAppOpenAd(stringArg(a, "placementId"));
+            return flags(ad);
+        };
+        ops["appOpen.tryDisplayAd"] = [this, created, flags](const Json&) {
+            auto& ad = created();
+            auto from = headless_.window->rootViewController();
+            if (!from) throw BadArguments("no screen to present from: call screen first");
+            // Present from the topmost screen, as an app does when it comes to the front.
+            while (auto above = from->presentedViewController()) from = above;
+            ad.tryDisplayAd(from);
+            return flags(ad);
+        };
+        ops["appOpen.checkForAd"] = [created](const Json&) {
+            auto ready = created().checkForAd();
+            if (!ready) return Json(nullptr);
+            std::optional<std::string> title;
+            if (ready->mavoObject && ready->mavoObject->items && !ready->mavoObject->items->empty() &&
+                ready->mavoObject->items->front().md)
+                title = ready->mavoObject->items->front().md->title;
+            Json image = ready->image ? Json{{"width", ready->image->width()}, {"height", ready->image->height()}}
+                                      : Json(nullptr);
+            return Json{{"title", optionalJson(title)}, {"image", image}};
+        };
+        ops["appOpen.tap"] = [shown](const Json&) {
+            shown().didTapOpenAd();
+            return Json(nullptr);
+        };
+        ops["appOpen.dismiss"] = [created, shown, flags](const Json&) {
+            shown().didTapContinue();
+            return flags(created());
+        };
+    }
 
     // ---- The device and time ----
     ops["clock"] = [this](const Json& a) {
