@@ -8,6 +8,8 @@
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/Platform.hpp>
 
+#include "AdSupport.hpp"
+
 namespace tessrakite {
 
 namespace {
@@ -27,23 +29,6 @@ std::int64_t wholePoints(double value) {
 platform::Rect mainScreenBounds() {
     auto screen = platform::currentPlatform()->screen;
     return screen ? screen->bounds() : platform::Rect{};
-}
-
-// Ads load only after start-up finished with a config that asks for them.
-bool adsEnabled() {
-    if (!TessraQuill::initialized()) return false;
-    auto config = TessraQuill::config();
-    return config && config->mavo();
-}
-
-void fireImpression(const MavoObject& ad) {
-    std::optional<std::string> tracker, suffix;
-    if (ad.items && !ad.items->empty() && ad.items->front().md) {
-        const Md& md = *ad.items->front().md;
-        if (md.cpmT && !md.cpmT->empty()) tracker = md.cpmT->front();
-        suffix = md.l2;
-    }
-    TessraQuill::tessraRequest().sendTracker(tracker, suffix, [](bool, std::optional<platform::UrlError>) {});
 }
 
 }  // namespace
@@ -69,7 +54,7 @@ void TessraAdLoader::setDelegate(std::weak_ptr<TessraAdLoaderDelegate> delegate)
 
 void TessraAdLoader::loadAd(TessraRequest::AdCompletion completion) {
     try {
-        if (!adsEnabled()) return;
+        if (!ads::adsEnabled()) return;
         std::weak_ptr<TessraAdLoader> weakSelf = weak_from_this();
         if (weakSelf.expired()) {
             Console::print("TessraAdLoader: create the loader with std::make_shared; this one cannot receive ads");
@@ -88,7 +73,7 @@ void TessraAdLoader::loadAd(TessraRequest::AdCompletion completion) {
                 }
                 platform::currentPlatform()->mainQueue().async([self, completion, ad = std::move(*ad)] {
                     if (auto delegate = self->delegate()) delegate->adLoaderDidFinishLoading(*self, ad);
-                    fireImpression(ad);
+                    ads::sendAdTracker(ad, ads::AdEvent::impression);
                     if (completion) completion(ad, std::nullopt);
                 });
             });
