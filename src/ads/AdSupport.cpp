@@ -40,10 +40,10 @@ std::optional<std::string> trackerFor(const MavoObject& ad, AdEvent event) {
     return list->front();
 }
 
-void fireTracker(const MavoObject& ad, AdEvent event) {
+void fireTracker(const MavoObject& ad, AdEvent event, TessraRequest::TrackerCompletion completion) {
     const Md* md = firstMd(ad);
-    TessraQuill::tessraRequest().sendTracker(trackerFor(ad, event), md ? md->l2 : std::nullopt,
-                                             [](bool, std::optional<platform::UrlError>) {});
+    if (!completion) completion = [](bool, std::optional<platform::UrlError>) {};
+    TessraQuill::tessraRequest().sendTracker(trackerFor(ad, event), md ? md->l2 : std::nullopt, std::move(completion));
 }
 
 }  // namespace tessrakite::ads_detail

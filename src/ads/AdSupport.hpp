@@ -5,6 +5,7 @@
 #include <string>
 
 #include <tessrakite/ads/MavoObject.hpp>
+#include <tessrakite/core/TessraRequest.hpp>
 #include <tessrakite/platform/Device.hpp>
 
 // What every feed-based ad format shares: the feature gate, the screen size in whole
@@ -30,8 +31,9 @@ const Md* firstMd(const MavoObject& ad);
 /// `md`; nothing when any step is missing.
 std::optional<std::string> trackerFor(const MavoObject& ad, AdEvent event);
 
-/// Fires the event's tracker with `md.l2` as the suffix; its result is ignored. Sends
-/// nothing when there is no tracker or no suffix.
-void fireTracker(const MavoObject& ad, AdEvent event);
+/// Fires the event's tracker with `md.l2` as the suffix; its result goes to `completion`
+/// (ignored when none). Sends nothing, and never calls `completion`, when there is no
+/// tracker or no suffix.
+void fireTracker(const MavoObject& ad, AdEvent event, TessraRequest::TrackerCompletion completion = nullptr);
 
 }  // namespace tessrakite::ads_detail

@@ -11,8 +11,10 @@
 #include <iterator>
 #include <set>
 #include <stdexcept>
+#include <variant>
 
 #include <tessrakite/ads/AppOpenAd.hpp>
+#include <tessrakite/ads/BannerView.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -88,6 +90,28 @@ public:
     }
 
 private:
+    Output& out_;
+};
+
+// ---- The host's banner delegate: every call becomes a line. ----
+class HostBannerDelegate final : public AdBannerDelegate {
+public:
+    explicit HostBannerDelegate(Output& out) : out_(out) {}
+    void adBannerDidReceiveAd(BannerView& banner) override {
+        emit("adBannerDidReceiveAd", {{"bannerID", banner.bannerID}});
+    }
+    void bannerView(BannerView&, const TessraRequest::AdError& error) override {
+        const auto* url = std::get_if<platform::UrlError>(&error);
+        emit("bannerViewDidFailToReceiveAd",
+             {{"error", url ? url->localizedDescription() : std::get<DecodingError>(error).description()}});
+    }
+    void adBannerWillPresentScreen(BannerView&) override { emit("adBannerWillPresentScreen", Json::object()); }
+    void adBannerWillDismissScreen(BannerView&) override { emit("adBannerWillDismissScreen", Json::object()); }
+    void adBannerWillLeaveApplication(BannerView&) override { emit("adBannerWillLeaveApplication", Json::object()); }
+    void adBannerClosed(BannerView&) override { emit("adBannerClosed", Json::object()); }
+
+private:
+    void emit(const char* name, Json args) { out_.write({{"delegate", name}, {"args", std::move(args)}}); }
     Output& out_;
 };
 
@@ -1010,6 +1034,57 @@ void Host::registerOperations() {
             return flags(created());
         };
     }
+    // ---- Banner ----
+    auto bannerState = [this] {
+        if (!banner_) return Json(nullptr);
+        const auto f = banner_->frame;
+        return Json{{"frame", {{"x", f.x}, {"y", f.y}, {"width", f.width}, {"height", f.height}}},
+                    {"isHidden", banner_->isHidden},
+                    {"hasImage", banner_->imageView->image != nullptr},
+                    {"bannerID", banner_->bannerID}};
+    };
+    auto theBanner = [this]() -> BannerView& {
+        if (!banner_) throw BadArguments("there is no banner: create one with banner.create");
+        return *banner_;
+    };
+    ops["banner.create"] = [this, bannerState](const Json& a) {
+        static const std::map<std::string, BannerSize> sizes = {{"small", BannerSize::small},
+                                                                {"medium", BannerSize::medium},
+                                                                {"large", BannerSize::large},
+                                                                {"adaptive", BannerSize::adaptive}};
+        const auto size = sizes.find(a.contains("size") ? stringArg(a, "size") : std::string("small"));
+        if (size == sizes.end()) throw BadArguments("\"size\" is \"small\", \"medium\", \"large\" or \"adaptive\"");
+        const auto adId = a.contains("adId") ? stringArg(a, "adId") : std::string("Mobile_Banner");
+        const auto controllers = headless_.window->controllers();
+        if (controllers.empty()) throw BadArguments("the window shows no screen: set one with \"root\" first");
+        if (!bannerDelegate_) bannerDelegate_ = std::make_shared<HostBannerDelegate>(out_);
+        if (banner_) banner_->removeFromSuperview();
+        banner_ = std::make_shared<BannerView>(size->second, adId, optionalBool(a, "showCloseIcon").value_or(false),
+                                               bannerDelegate_);
+        // On the topmost screen, laid out at once so that its size is known before loadAd.
+        controllers.back()->view()->addSubview(banner_);
+        headless_.window->layoutIfNeeded();
+        return bannerState();
+    };
+    ops["banner.loadAd"] = [theBanner](const Json&) {
+        theBanner().loadAd();
+        return Json(nullptr);
+    };
+    ops["banner.state"] = [bannerState](const Json&) { return bannerState(); };
+    ops["banner.tap"] = [theBanner](const Json&) { return Json(theBanner().tap()); };
+    ops["banner.closeAd"] = [theBanner](const Json&) {
+        theBanner().closeAd();
+        return Json(nullptr);
+    };
+    ops["banner.browserFinished"] = [theBanner](const Json&) {
+        theBanner().safariViewControllerDidFinish();
+        return Json(nullptr);
+    };
+    ops["banner.release"] = [this, theBanner](const Json&) {
+        theBanner().removeFromSuperview();
+        banner_.reset();
+        return Json(nullptr);
+    };
 
     // ---- The device and time ----
     ops["clock"] = [this](const Json& a) {

@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <tessrakite/ads/BannerView.hpp>
 #include <tessrakite/ads/TessraAdLoader.hpp>
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
@@ -59,6 +60,8 @@ private:
     std::shared_ptr<class HostAdDelegate> adDelegate_;
     // Kept for the process's life, as an app keeps its loaders while their ads show.
     std::vector<std::shared_ptr<tessrakite::TessraAdLoader>> adLoaders_;
+    std::shared_ptr<class HostBannerDelegate> bannerDelegate_;
+    std::shared_ptr<tessrakite::BannerView> banner_;  // the one banner a script works with
     bool extension_ = false;
     bool running_ = true;
 };
