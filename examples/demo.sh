@@ -68,6 +68,10 @@ if ! grep -q '^# ready' "$work/sandbox.log"; then
 fi
 eval "$(grep '^export ' "$work/sandbox.log")"
 
+# The pictures the tour draws stay after the run.
+export TESSRA_DEMO_PICTURES="$PWD/build/demo-pictures"
+mkdir -p "$TESSRA_DEMO_PICTURES"
+
 echo "TessraKite demo tour"
 echo "   sandbox: https://$TESSRA_TRACKING_HOST (tracking, configuration) and http://$TESSRA_AD_HOST (ads, crash uploads)"
 echo "   TESSRA_HOME: $work/home"

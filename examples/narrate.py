@@ -279,7 +279,9 @@ def with_addresses(value):
     if isinstance(value, str):
         https = os.environ.get("TESSRA_TRACKING_HOST", "")
         http = os.environ.get("TESSRA_AD_HOST", "")
-        return value.replace("{{https}}", "https://" + https).replace("{{http}}", "http://" + http)
+        pictures = os.environ.get("TESSRA_DEMO_PICTURES", "")
+        return (value.replace("{{https}}", "https://" + https).replace("{{http}}", "http://" + http)
+                .replace("{{pictures}}", pictures))
     if isinstance(value, list):
         return [with_addresses(v) for v in value]
     if isinstance(value, dict):
