@@ -1,12 +1,13 @@
 #include <tessrakite/ads/TessraAdLoader.hpp>
 
-#include <cmath>
 #include <exception>
 #include <string>
 
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/Platform.hpp>
+
+#include "AdSupport.hpp"
 
 namespace tessrakite {
 
@@ -15,36 +16,9 @@ namespace {
 // The native loader always asks the feed for this ad identifier.
 constexpr const char* kNativeAdId = "Mobile_Banner";
 
-// Screen sizes become whole points as a checked conversion does: a size that has no Int64
-// value is a fatal stop, not a wrapped number in the feed URL.
-std::int64_t wholePoints(double value) {
-    if (!std::isfinite(value)) fatalError("Double value cannot be converted to Int because it is either infinite or NaN");
-    if (value >= 9223372036854775808.0 || value < -9223372036854775808.0)
-        fatalError("Double value cannot be converted to Int because the result would be out of range");
-    return static_cast<std::int64_t>(value);
-}
-
-platform::Rect mainScreenBounds() {
-    auto screen = platform::currentPlatform()->screen;
-    return screen ? screen->bounds() : platform::Rect{};
-}
-
-// Ads load only after start-up finished with a config that asks for them.
-bool adsEnabled() {
-    if (!TessraQuill::initialized()) return false;
-    auto config = TessraQuill::config();
-    return config && config->mavo();
-}
-
-void fireImpression(const MavoObject& ad) {
-    std::optional<std::string> tracker, suffix;
-    if (ad.items && !ad.items->empty() && ad.items->front().md) {
-        const Md& md = *ad.items->front().md;
-        if (md.cpmT && !md.cpmT->empty()) tracker = md.cpmT->front();
-        suffix = md.l2;
-    }
-    TessraQuill::tessraRequest().sendTracker(tracker, suffix, [](bool, std::optional<platform::UrlError>) {});
-}
+using ads::adsEnabled;
+using ads::mainScreenBounds;
+using ads::wholePoints;
 
 }  // namespace
 
@@ -88,7 +62,7 @@ void TessraAdLoader::loadAd(TessraRequest::AdCompletion completion) {
                 }
                 platform::currentPlatform()->mainQueue().async([self, completion, ad = std::move(*ad)] {
                     if (auto delegate = self->delegate()) delegate->adLoaderDidFinishLoading(*self, ad);
-                    fireImpression(ad);
+                    ads::fireTracker(ad, ads::TrackerEvent::impression);
                     if (completion) completion(ad, std::nullopt);
                 });
             });
