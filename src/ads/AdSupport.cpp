@@ -1,7 +1,9 @@
 #include "AdSupport.hpp"
 
 #include <cmath>
+#include <cstdlib>
 
+#include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/core/TessraRequest.hpp>
 #include <tessrakite/platform/Console.hpp>
@@ -44,6 +46,11 @@ void fireTracker(const MavoObject& ad, AdEvent event, TessraRequest::TrackerComp
     const Md* md = firstMd(ad);
     if (!completion) completion = [](bool, std::optional<platform::UrlError>) {};
     TessraQuill::tessraRequest().sendTracker(trackerFor(ad, event), md ? md->l2 : std::nullopt, std::move(completion));
+}
+
+std::string adDemoPage() {
+    const char* value = std::getenv("TESSRA_AD_DEMO_PAGE");
+    return value && *value ? std::string(value) : std::string(TESSRA_DEFAULT_AD_DEMO_PAGE);
 }
 
 }  // namespace tessrakite::ads_detail

@@ -36,4 +36,8 @@ std::optional<std::string> trackerFor(const MavoObject& ad, AdEvent event);
 /// tracker or no suffix.
 void fireTracker(const MavoObject& ad, AdEvent event, TessraRequest::TrackerCompletion completion = nullptr);
 
+/// The fixed demo page a tap on a full-screen ad opens: TESSRA_AD_DEMO_PAGE from the
+/// environment when set and not empty, else the value fixed at build time.
+std::string adDemoPage();
+
 }  // namespace tessrakite::ads_detail

@@ -15,6 +15,7 @@
 
 #include <tessrakite/ads/AppOpenAd.hpp>
 #include <tessrakite/ads/BannerView.hpp>
+#include <tessrakite/ads/InterstitialAD.hpp>
 #include <tessrakite/core/StorageManager.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -1085,6 +1086,77 @@ void Host::registerOperations() {
         banner_.reset();
         return Json(nullptr);
     };
+    // ---- Interstitial ads ----
+    {
+        // Every delegate call becomes a line naming the ad.
+        class HostInterstitialDelegate final : public InterstitialDelegate {
+        public:
+            explicit HostInterstitialDelegate(Output& out) : out_(out) {}
+            void interstitialDidReceiveAd(InterstitialAD& ad) override { emit("interstitialDidReceiveAd", ad); }
+            void interstitialView(InterstitialAD& ad, const TessraRequest::AdError&) override {
+                emit("interstitialDidFailToReceiveAd", ad);
+            }
+            void interstitialWillPresentScreen(InterstitialAD& ad) override {
+                emit("interstitialWillPresentScreen", ad);
+            }
+            void interstitialWillDismissScreen(InterstitialAD& ad) override {
+                emit("interstitialWillDismissScreen", ad);
+            }
+            void interstitialWillLeaveApplication(InterstitialAD& ad) override {
+                emit("interstitialWillLeaveApplication", ad);
+            }
+            void interstitialClosed(InterstitialAD& ad) override { emit("interstitialClosed", ad); }
+
+        private:
+            void emit(const char* name, InterstitialAD& ad) {
+                out_.write({{"delegate", name}, {"args", {{"ad", ad.description()}, {"adId", ad.adId}}}});
+            }
+            Output& out_;
+        };
+        // The one ad the script works with; "interstitial.create" replaces it.
+        struct Interstitials {
+            std::shared_ptr<HostInterstitialDelegate> delegate;
+            std::shared_ptr<InterstitialAD> ad;
+        };
+        auto state = std::make_shared<Interstitials>();
+        state->delegate = std::make_shared<HostInterstitialDelegate>(out_);
+        auto screenOf = [state]() -> InterstitialController& {
+            if (!state->ad) throw BadArguments("no interstitial: run interstitial.create first");
+            if (!state->ad->interstitialController) throw BadArguments("the interstitial has dropped its screen");
+            return *state->ad->interstitialController;
+        };
+        ops["interstitial.create"] = [state](const Json& a) {
+            state->ad = InterstitialAD::create(stringArg(a, "adId"));
+            state->ad->setInterstitialDelegate(state->delegate);
+            return Json(state->ad->description());
+        };
+        ops["interstitial.setReady"] = [screenOf](const Json& a) {
+            auto value = optionalBool(a, "value");
+            if (!value) throw BadArguments("\"value\" must be a boolean");
+            screenOf().isReady = *value;
+            return Json(nullptr);
+        };
+        ops["interstitial.showAd"] = [this, state](const Json&) {
+            if (!state->ad) throw BadArguments("no interstitial: run interstitial.create first");
+            // The SDK stops the process without a root screen; a script gets an answer instead.
+            if (!headless_.window->rootViewController()) throw BadArguments("no root screen: run root first");
+            state->ad->showAd();
+            return Json(nullptr);
+        };
+        ops["interstitial.tap"] = [screenOf](const Json&) { return Json(screenOf().iti->tap()); };
+        ops["interstitial.closeAd"] = [screenOf](const Json&) {
+            screenOf().closeAd();
+            return Json(nullptr);
+        };
+        ops["interstitial.browserFinished"] = [screenOf](const Json&) {
+            screenOf().safariViewControllerDidFinish();
+            return Json(nullptr);
+        };
+        ops["interstitial.release"] = [state](const Json&) {
+            state->ad.reset();
+            return Json(nullptr);
+        };
+    }
 
     // ---- The device and time ----
     ops["clock"] = [this](const Json& a) {

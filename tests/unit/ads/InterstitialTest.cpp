@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <tessrakite/BuildConfig.hpp>
+#include <tessrakite/ads/InterstitialAD.hpp>
+#include <tessrakite/core/TessraBuilder.hpp>
+#include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Window.hpp>
+
+#include "SdkFixture.hpp"
+
+namespace tessrakite {
+namespace {
+
+using test::Answer;
+using Json = nlohmann::ordered_json;
+using platform::DeviceOrientation;
+using platform::Rect;
+namespace Mask = platform::InterfaceOrientationMask;
+
+/// Delegate calls and platform effects in the order they happened.
+struct Log : InterstitialDelegate {
+    void interstitialWillPresentScreen(InterstitialAD&) override { events.push_back("interstitialWillPresentScreen"); }
+    void interstitialWillDismissScreen(InterstitialAD&) override { events.push_back("interstitialWillDismissScreen"); }
+    void interstitialWillLeaveApplication(InterstitialAD&) override {
+        events.push_back("interstitialWillLeaveApplication");
+    }
+    void interstitialClosed(InterstitialAD&) override { events.push_back("interstitialClosed"); }
+    std::vector<std::string> events;
+};
+
+class Interstitial : public test::SdkFixture {
+protected:
+    void SetUp() override {
+        SdkFixture::SetUp();
+        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
+        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
+        backend->on("GET", "/t/*", Answer::withStatus(204));
+        backend->on("GET", "/v1/display/track-1",
+                    Answer::json(Json{{"items", Json::array({{{"md",
+                                                                {{"l2", "abc"},
+                                                                 {"title", "Sandbox ad"},
+                                                                 {"url", "http://landing.example/${l2}"},
+                                                                 {"cpm_t", {backend->httpBase() + "/t/imp?l2=${l2}"}},
+                                                                 {"cpc_t", {backend->httpBase() + "/t/click?l2=${l2}"}}}}}})}}
+                                     .dump()));
+        headless.window->setRootViewController(std::make_shared<platform::ViewController>());
+        headless.effects->setSink([this](const std::string& name, const Json& args) {
+            if (name == "openURL") log->events.push_back("openURL " + args["url"].get<std::string>());
+            if (name == "present" || name == "dismiss")
+                log->events.push_back(name + (console->contains("CLOSE INTERSTITIAL AD") ? " after the line" : ""));
+        });
+        TessraQuill::initialize(TessraBuilder{std::string(kApiKey)}.mavo().analytics(false).build());
+        pump();
+        backend->clearRequests();
+    }
+    void TearDown() override {
+        headless.effects->setSink(nullptr);
+        SdkFixture::TearDown();
+        ::unsetenv("TESSRA_AD_HOST");
+    }
+    /// A new ad whose feed answer has arrived, reporting to `log`.
+    std::shared_ptr<InterstitialAD> loaded() {
+        auto ad = InterstitialAD::create("Mobile_Interstitial");
+        ad->setInterstitialDelegate(log);
+        pump();
+        return ad;
+    }
+    std::vector<std::string> trackerHits() const {
+        std::vector<std::string> hits;
+        for (const auto& r : backend->requests())
+            if (r.path.rfind("/t/", 0) == 0) hits.push_back(r.target());
+        return hits;
+    }
+    std::shared_ptr<Log> log = std::make_shared<Log>();
+};
+
+TEST_F(Interstitial, ShowsOnlyOnceTheHostSaysItIsReady) {
+    auto ad = loaded();
+    ad->showAd();
+    EXPECT_TRUE(log->events.empty());
+    ad->interstitialController->isReady = true;
+    ad->showAd();
+    EXPECT_EQ(log->events, std::vector<std::string>{"present"});
+    EXPECT_EQ(ad->interstitialController->modalPresentationStyle, platform::ModalPresentationStyle::overFullScreen);
+    EXPECT_TRUE(ad->interstitialController->prefersStatusBarHidden());
+    ad->interstitialController->closeAd();
+}
+
+TEST_F(Interstitial, TheFeedRequestAsksForTheScreenSizeAndFiresTheImpressionOnce) {
+    auto ad = loaded();
+    const auto feeds = backend->requests();
+    ASSERT_FALSE(feeds.empty());
+    EXPECT_NE(feeds[0].query.find("&as=Mobile_Interstitial&awh=390x844&ad=390x844&"), std::string::npos);
+    EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?l2=abc"});
+    EXPECT_EQ(ad->interstitialController->iti->textView()->text, "Sandbox ad");
+    ad->interstitialController->closeAd();
+}
+
+TEST_F(Interstitial, AFeedAnswerWithoutItemsGivesAnEmptyTitleAndNoImage) {
+    backend->on("GET", "/v1/display/track-1", Answer::json(R"({"session_id":"s"})"));
+    auto ad = loaded();
+    auto iti = ad->interstitialController->iti;
+    ASSERT_EQ(iti->subviews().size(), 2u);  // filled, not left empty
+    EXPECT_EQ(iti->textView()->text, "");
+    EXPECT_EQ(iti->imageView()->image, nullptr);
+    EXPECT_TRUE(trackerHits().empty());
+    ad->interstitialController->closeAd();
+}
+
+TEST_F(Interstitial, ContentStacksInPortraitAndSitsSideBySideOtherwise) {
+    struct Case {
+        DeviceOrientation orientation;
+        Rect image, text;
+    };
+    const std::vector<Case> cases = {
+        {DeviceOrientation::portrait, {0, 0, 390, 422}, {0, 422, 390, 422}},
+        {DeviceOrientation::landscapeLeft, {0, 0, 422, 390}, {422, 0, 422, 390}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.orientation));
+        headless.device->setOrientation(c.orientation);
+        auto ad = loaded();
+        auto iti = ad->interstitialController->iti;
+        iti->layoutIfNeeded();
+        EXPECT_EQ(iti->imageView()->frame, c.image);
+        EXPECT_EQ(iti->textView()->frame, c.text);
+        ad->interstitialController->closeAd();
+    }
+}
+
+TEST_F(Interstitial, SupportedOrientationsFollowTheOrientationAtCreation) {
+    struct Case {
+        DeviceOrientation orientation;
+        Rect screen;
+        unsigned mask;
+    };
+    const std::vector<Case> cases = {
+        {DeviceOrientation::portrait, {0, 0, 390, 844}, Mask::portrait},
+        {DeviceOrientation::portraitUpsideDown, {0, 0, 390, 844}, Mask::portrait},
+        {DeviceOrientation::faceUp, {0, 0, 390, 844}, Mask::portrait},
+        {DeviceOrientation::faceDown, {0, 0, 844, 390}, Mask::landscape},
+        {DeviceOrientation::landscapeRight, {0, 0, 844, 390}, Mask::landscape},
+        {DeviceOrientation::unknown, {0, 0, 390, 844}, Mask::landscape},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.orientation));
+        headless.device->setOrientation(c.orientation);
+        headless.screen->setBounds(c.screen);
+        auto ad = InterstitialAD::create("Mobile_Interstitial");
+        EXPECT_EQ(ad->interstitialController->supportedInterfaceOrientations(), c.mask);
+        ad->interstitialController->closeAd();
+    }
+}
+
+TEST_F(Interstitial, UserActionsReachTheDelegate) {
+    struct Case {
+        const char* name;
+        std::function<void(InterstitialAD&)> act;
+        std::vector<std::string> events;
+        bool screenDropped;
+    };
+    const std::string openDemo = std::string("openURL ") + TESSRA_DEFAULT_AD_DEMO_PAGE;
+    const std::vector<Case> cases = {
+        {"tap", [](InterstitialAD& ad) { ad.interstitialController->iti->tap(); },
+         {"interstitialWillPresentScreen", openDemo}, false},
+        {"resign active",
+         [this](InterstitialAD&) { headless.notificationCenter->post(platform::AppNotification::willResignActive); },
+         {"interstitialWillLeaveApplication"}, false},
+        {"browser finished", [](InterstitialAD& ad) { ad.interstitialController->safariViewControllerDidFinish(); },
+         {"interstitialWillDismissScreen"}, true},
+        {"close button", [](InterstitialAD& ad) { ad.interstitialController->closeButton()->tap(); },
+         {"interstitialClosed", "dismiss after the line"}, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto ad = loaded();
+        ad->interstitialController->isReady = true;
+        ad->showAd();
+        auto screen = ad->interstitialController;
+        log->events.clear();
+        console->clear();
+        backend->clearRequests();
+        c.act(*ad);
+        pump();
+        EXPECT_EQ(log->events, c.events);
+        EXPECT_EQ(ad->interstitialController == nullptr, c.screenDropped);
+        EXPECT_TRUE(trackerHits().empty());  // a tap fires no click tracker
+        EXPECT_EQ(console->contains("Open Ad"), std::string(c.name) == "tap");
+        if (!c.screenDropped) {
+            screen->closeAd();
+        } else if (screen->presentingViewController()) {
+            screen->dismiss(false);
+        }
+    }
+}
+
+TEST_F(Interstitial, ReleasingAClosedAdPrintsDeinited) {
+    auto ad = loaded();
+    const auto description = ad->description();
+    ad->interstitialController->closeAd();
+    console->clear();
+    ad.reset();
+    EXPECT_TRUE(console->contains("DEINITED " + description));
+    EXPECT_EQ(description.rfind("<InterstitialAD: 0x", 0), 0u);
+}
+
+}  // namespace
+}  // namespace tessrakite
