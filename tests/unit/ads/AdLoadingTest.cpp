@@ -1,60 +1,26 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <mutex>
 #include <regex>
 
 #include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/ads/TessraAdLoader.hpp>
-#include <tessrakite/core/TessraBuilder.hpp>
-#include <tessrakite/core/TessraQuill.hpp>
 
-#include "SdkFixture.hpp"
+#include "AdFixture.hpp"
 
 namespace tessrakite {
 namespace {
 
 using test::Answer;
-using Json = nlohmann::ordered_json;
-
-constexpr const char* kFeedPath = "/v1/display/track-1";
 
 /// Every delegate call and completion as one line, with the thread it came on.
-struct Recorder : TessraAdLoaderDelegate {
+struct Recorder : TessraAdLoaderDelegate, test::CallLog {
     void adLoader(TessraAdLoader&, const std::string& error) override { note("fail:" + error); }
     void adLoaderDidFinishLoading(TessraAdLoader&, const MavoObject&) override { note("finish"); }
-    void note(const std::string& what) {
-        const bool main = platform::currentPlatform()->mainQueue().isMainThread();
-        std::lock_guard lock(mutex);
-        calls.push_back(what + (main ? "@main" : "@session"));
-    }
-    std::vector<std::string> taken() {
-        std::lock_guard lock(mutex);
-        return calls;
-    }
-    std::mutex mutex;
-    std::vector<std::string> calls;
 };
 
-class AdLoading : public test::SdkFixture {
+class AdLoading : public test::AdFixture {
 protected:
-    void SetUp() override {
-        SdkFixture::SetUp();
-        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
-        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
-        backend->on("GET", "/t/*", Answer::withStatus(204));
-    }
-    void TearDown() override {
-        SdkFixture::TearDown();
-        ::unsetenv("TESSRA_AD_HOST");
-    }
-    void startWithAds(bool mavo = true) {
-        TessraBuilder builder{std::string(kApiKey)};
-        if (mavo) builder.mavo();
-        TessraQuill::initialize(builder.analytics(false).build());
-        pump();
-        backend->clearRequests();
-    }
     /// Loads once with a fresh loader and returns what the delegate and completion heard.
     std::vector<std::string> load() {
         auto loader = std::make_shared<TessraAdLoader>(nullptr, NativeAdSize::medium);
@@ -66,19 +32,11 @@ protected:
         pump();
         return recorder->taken();
     }
-    std::vector<std::string> trackerHits() const {
-        std::vector<std::string> hits;
-        for (const auto& r : backend->requests())
-            if (r.path.rfind("/t/", 0) == 0) hits.push_back(r.target());
-        return hits;
-    }
     bool printed(const std::string& start) const {
         for (const auto& line : console->lines())
             if (line.rfind(start, 0) == 0) return true;
         return false;
     }
-    /// A feed answer whose one item has `md`.
-    Json feed(Json md) const { return {{"items", Json::array({{{"md", std::move(md)}}})}, {"session_id", "s-1"}}; }
 };
 
 TEST_F(AdLoading, TheFeedURLCarriesTheScreenNowAndTheAdSizeFromCreation) {
@@ -94,7 +52,7 @@ TEST_F(AdLoading, TheFeedURLCarriesTheScreenNowAndTheAdSizeFromCreation) {
         {{0, 0, 390, 844}, {0, 0, 844, 390}, NativeAdSize::medium, "844x390", "390x844"},  // turned after creation
     };
     startWithAds();
-    backend->on("GET", kFeedPath, Answer::json(feed({{"img", "x"}}).dump()));
+    serveFeed({{"img", "x"}});
     for (const auto& c : cases) {
         SCOPED_TRACE(c.screen);
         backend->clearRequests();
@@ -154,7 +112,7 @@ TEST_F(AdLoading, AnswersReachTheDelegateAndTheImpressionTracker) {
 }
 
 TEST_F(AdLoading, NothingLoadsUntilStartUpFinishedWithAdsOn) {
-    backend->on("GET", kFeedPath, Answer::json(feed({{"img", "x"}}).dump()));
+    serveFeed({{"img", "x"}});
     EXPECT_EQ(load(), std::vector<std::string>{}) << "not initialised";
     startWithAds(false);
     console->clear();

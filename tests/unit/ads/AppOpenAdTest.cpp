@@ -1,23 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-
 #include <tessrakite/ads/AppOpenAd.hpp>
-#include <tessrakite/core/TessraBuilder.hpp>
-#include <tessrakite/core/TessraQuill.hpp>
 
-#include "SdkFixture.hpp"
+#include "AdFixture.hpp"
 
 namespace tessrakite {
 namespace {
 
 using test::Answer;
-using Json = nlohmann::ordered_json;
-
-constexpr const char* kFeedPath = "/v1/display/track-1";
 
 struct Listener : AppOpenAdDelegate {
     void didFailToLoadAd() override { calls.push_back("didFailToLoadAd"); }
@@ -26,34 +16,18 @@ struct Listener : AppOpenAdDelegate {
     std::vector<std::string> calls;  // main queue only
 };
 
-class AppOpen : public test::SdkFixture {
+class AppOpen : public test::AdFixture {
 protected:
     void SetUp() override {
-        SdkFixture::SetUp();
-        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
-        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
-        backend->on("GET", "/t/*", Answer::withStatus(204));
-        backend->on("GET", "/img/ad.png", Answer::text(png()).header("Content-Type", "image/png"));
+        AdFixture::SetUp();
+        backend->on("GET", "/img/ad.png", Answer::text(pngBytes()).header("Content-Type", "image/png"));
         backend->on("GET", "/img/missing.png", Answer::withStatus(404));
         backend->on("GET", "/img/not-an-image.png", Answer::text("<html>busy</html>"));
         headless.effects->setSink([this](const std::string& name, const Json&) { effects.push_back(name); });
         headless.window->setRootViewController(root);
         headless.window->makeKeyAndVisible();
-        TessraQuill::initialize(TessraBuilder{std::string(kApiKey)}.mavo().analytics(false).build());
-        pump();
+        startWithAds();
         ad->delegate = listener;
-    }
-    void TearDown() override {
-        headless.effects->setSink(nullptr);
-        SdkFixture::TearDown();
-        ::unsetenv("TESSRA_AD_HOST");
-    }
-    std::string png() const {
-        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[2 * 2 * 4](), std::default_delete<std::uint8_t[]>());
-        const auto file = home->path() / "ad.png";
-        EXPECT_FALSE(platform::Image(2, 2, pixels).writePNG(file));
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
     /// Serves one creative: the image at `imagePath`, l2 "abc", view and impression trackers.
     void serve(const std::string& imagePath, Json extra = Json::object()) {
@@ -64,7 +38,7 @@ protected:
                    {"cpm_t", {backend->httpBase() + "/t/imp?v=${l2}"}},
                    {"cpv_t", {backend->httpBase() + "/t/view?v=${l2}"}}};
         md.update(extra);
-        backend->on("GET", kFeedPath, Answer::json(Json{{"items", Json::array({{{"md", md}}})}}.dump()));
+        serveFeed(md);
     }
     /// Loads and waits; the time the image arrived.
     double loadReady() {
@@ -75,16 +49,6 @@ protected:
         backend->clearRequests();
         listener->calls.clear();
         return clock->now();
-    }
-    std::vector<std::string> trackerHits() const {
-        std::vector<std::string> hits;
-        for (const auto& r : backend->requests())
-            if (r.path.rfind("/t/", 0) == 0) hits.push_back(r.target());
-        return hits;
-    }
-    bool printed(const std::string& line) const {
-        const auto lines = console->lines();
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
 
     std::shared_ptr<platform::ViewController> root = std::make_shared<platform::ViewController>();
@@ -199,7 +163,7 @@ TEST_F(AppOpen, ATapFiresTheClickTrackerOrSaysThereIsNoneThenOpensTheLandingPage
         EXPECT_TRUE(ad->appOpenController->appOpenAdView->adImageView()->tap());
         pump();
         EXPECT_EQ(trackerHits(), c.hits);
-        EXPECT_EQ(printed("No click tracker"), c.noTrackerLine);
+        EXPECT_EQ(console->contains("No click tracker"), c.noTrackerLine);
         ASSERT_EQ(headless.application->openedURLs().size(), opened + 1);
         EXPECT_EQ(headless.application->openedURLs().back(), "https://example.com/landing?id=abc");
         root->dismiss(false);

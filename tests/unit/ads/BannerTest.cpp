@@ -1,64 +1,34 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <mutex>
-
 #include <tessrakite/ads/BannerView.hpp>
-#include <tessrakite/core/TessraBuilder.hpp>
-#include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/ViewController.hpp>
 
+#include "AdFixture.hpp"
 #include "GifBuilder.hpp"
-#include "SdkFixture.hpp"
 
 namespace tessrakite {
 namespace {
 
 using test::Answer;
-using Json = nlohmann::ordered_json;
-
-constexpr const char* kFeedPath = "/v1/display/track-1";
 
 /// Every delegate call as its name, with the thread it came on.
-struct Recorder : AdBannerDelegate {
+struct Recorder : AdBannerDelegate, test::CallLog {
     void adBannerDidReceiveAd(BannerView&) override { note("received"); }
     void bannerView(BannerView&, const TessraRequest::AdError&) override { note("failed"); }
     void adBannerWillPresentScreen(BannerView&) override { note("willPresent"); }
     void adBannerWillDismissScreen(BannerView&) override { note("willDismiss"); }
     void adBannerWillLeaveApplication(BannerView&) override { note("willLeave"); }
     void adBannerClosed(BannerView&) override { note("closed"); }
-    void note(const std::string& what) {
-        const bool main = platform::currentPlatform()->mainQueue().isMainThread();
-        std::lock_guard lock(mutex);
-        calls.push_back(what + (main ? "@main" : "@session"));
-    }
-    std::vector<std::string> taken() {
-        std::lock_guard lock(mutex);
-        return std::exchange(calls, {});
-    }
-    std::mutex mutex;
-    std::vector<std::string> calls;
 };
 
-class Banner : public test::SdkFixture {
+class Banner : public test::AdFixture {
 protected:
     void SetUp() override {
-        SdkFixture::SetUp();
-        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
-        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
-        backend->on("GET", "/t/*", Answer::withStatus(204));
+        AdFixture::SetUp();
         headless.window->windowSafeAreaInsets = {47, 0, 34, 0};
         headless.window->setRootViewController(screen);
-        TessraQuill::initialize(TessraBuilder{std::string(kApiKey)}.mavo().analytics(false).build());
-        pump();
-        backend->clearRequests();
-    }
-    void TearDown() override {
-        SdkFixture::TearDown();
-        ::unsetenv("TESSRA_AD_HOST");
+        startWithAds();
     }
     /// A banner on the screen, laid out, as a host adds one.
     std::shared_ptr<BannerView> place(BannerSize size = BannerSize::small, bool closeIcon = false) {
@@ -70,28 +40,12 @@ protected:
     /// Serves a feed whose creative is `img` (a path on the backend), with every tracker.
     void serveAd(const std::string& img) {
         const auto base = backend->httpBase();
-        Json md = {{"l2", "abc"},
+        serveFeed({{"l2", "abc"},
                    {"img", base + img},
                    {"url", base + "/landing?c=${l2}"},
                    {"cpm_t", {base + "/t/imp?x=${l2}"}},
                    {"cpv_t", {base + "/t/view?x=${l2}"}},
-                   {"cpc_t", {base + "/t/click?x=${l2}"}}};
-        backend->on("GET", kFeedPath, Answer::json(Json{{"items", Json::array({{{"md", md}}})}}.dump()));
-    }
-    std::vector<std::string> hits(const std::string& prefix) const {
-        std::vector<std::string> out;
-        for (const auto& r : backend->requests())
-            if (r.path.rfind(prefix, 0) == 0) out.push_back(r.target());
-        return out;
-    }
-    /// A 3 x 2 PNG as the platform writes it.
-    std::string png() const {
-        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[3 * 2 * 4], std::default_delete<std::uint8_t[]>());
-        for (int i = 0; i < 3 * 2 * 4; ++i) pixels.get()[i] = 200;
-        const auto file = home->path() / "ad.png";
-        EXPECT_FALSE(platform::Image(3, 2, pixels).writePNG(file));
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+                   {"cpc_t", {base + "/t/click?x=${l2}"}}});
     }
 
     std::shared_ptr<platform::ViewController> screen = std::make_shared<platform::ViewController>();
@@ -143,7 +97,7 @@ TEST_F(Banner, SitsCentredOnTheSafeAreaBottomBeforeAndAfterTurning) {
 TEST_F(Banner, AStillCreativeShowsWithItsTrackersAndATapOpensTheLandingPage) {
     serveAd("/img/ad.png");
     // The image answers late, so the impression is surely in before the view.
-    backend->on("GET", "/img/ad.png", Answer::text(png()).after(std::chrono::milliseconds(100)));
+    backend->on("GET", "/img/ad.png", Answer::text(pngBytes()).after(std::chrono::milliseconds(100)));
     auto banner = place();
     banner->loadAd();
     pump();
@@ -153,7 +107,7 @@ TEST_F(Banner, AStillCreativeShowsWithItsTrackersAndATapOpensTheLandingPage) {
     EXPECT_NE(feed[0].query.find("&sr=390x844&"), std::string::npos) << feed[0].query;
     EXPECT_NE(feed[0].query.find("&as=Mobile_Banner&awh=320x50&ad=320x50&"), std::string::npos) << feed[0].query;
     EXPECT_EQ(recorder->taken(), std::vector<std::string>{"received@main"});
-    EXPECT_EQ(hits("/t/"), (std::vector<std::string>{"/t/imp?x=abc", "/t/view?x=abc"}));
+    EXPECT_EQ(trackerHits(), (std::vector<std::string>{"/t/imp?x=abc", "/t/view?x=abc"}));
     EXPECT_FALSE(banner->isHidden);
     ASSERT_TRUE(banner->imageView->image);
     EXPECT_EQ(banner->imageView->image->width(), 3);
@@ -168,7 +122,7 @@ TEST_F(Banner, AStillCreativeShowsWithItsTrackersAndATapOpensTheLandingPage) {
     pump();
     EXPECT_EQ(headless.application->openedURLs(), std::vector<std::string>{backend->httpBase() + "/landing?c=abc"});
     EXPECT_EQ(recorder->taken(), std::vector<std::string>{"willPresent@main"});
-    EXPECT_EQ(hits("/t/"), std::vector<std::string>{"/t/click?x=abc"});
+    EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/click?x=abc"});
     EXPECT_TRUE(console->contains("didTapBanner(), success: true, error: nil"));
 }
 
@@ -189,7 +143,7 @@ TEST_F(Banner, AGifCreativePlaysItsFramesInTheImageView) {
     EXPECT_NE(banner->imageView->image, first) << "the next frame";
     // Only the still image unhides the banner and counts as a view.
     EXPECT_TRUE(banner->isHidden);
-    EXPECT_EQ(hits("/t/"), std::vector<std::string>{"/t/imp?x=abc"});
+    EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?x=abc"});
 
     backend->on("GET", kFeedPath, Answer::dropped());
     banner->loadAd();  // stops the playback before loading again
@@ -201,7 +155,7 @@ TEST_F(Banner, AGifCreativePlaysItsFramesInTheImageView) {
 
 TEST_F(Banner, EventsReachTheDelegateAndCloseHidesAndClears) {
     serveAd("/img/ad.png");
-    backend->on("GET", "/img/ad.png", Answer::text(png()));
+    backend->on("GET", "/img/ad.png", Answer::text(pngBytes()));
     auto observers = [&] {
         return headless.notificationCenter->observerCount(platform::AppNotification::willResignActive) +
                headless.notificationCenter->observerCount(platform::DeviceNotification::orientationDidChange);

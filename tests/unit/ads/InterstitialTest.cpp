@@ -1,20 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/ads/InterstitialAD.hpp>
-#include <tessrakite/core/TessraBuilder.hpp>
-#include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Window.hpp>
 
-#include "SdkFixture.hpp"
+#include "AdFixture.hpp"
 
 namespace tessrakite {
 namespace {
 
 using test::Answer;
-using Json = nlohmann::ordered_json;
 using platform::DeviceOrientation;
 using platform::Rect;
 namespace Mask = platform::InterfaceOrientationMask;
@@ -30,35 +25,22 @@ struct Log : InterstitialDelegate {
     std::vector<std::string> events;
 };
 
-class Interstitial : public test::SdkFixture {
+class Interstitial : public test::AdFixture {
 protected:
     void SetUp() override {
-        SdkFixture::SetUp();
-        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
-        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
-        backend->on("GET", "/t/*", Answer::withStatus(204));
-        backend->on("GET", "/v1/display/track-1",
-                    Answer::json(Json{{"items", Json::array({{{"md",
-                                                                {{"l2", "abc"},
-                                                                 {"title", "Sandbox ad"},
-                                                                 {"url", "http://landing.example/${l2}"},
-                                                                 {"cpm_t", {backend->httpBase() + "/t/imp?l2=${l2}"}},
-                                                                 {"cpc_t", {backend->httpBase() + "/t/click?l2=${l2}"}}}}}})}}
-                                     .dump()));
+        AdFixture::SetUp();
+        serveFeed({{"l2", "abc"},
+                   {"title", "Sandbox ad"},
+                   {"url", "http://landing.example/${l2}"},
+                   {"cpm_t", {backend->httpBase() + "/t/imp?l2=${l2}"}},
+                   {"cpc_t", {backend->httpBase() + "/t/click?l2=${l2}"}}});
         headless.window->setRootViewController(std::make_shared<platform::ViewController>());
         headless.effects->setSink([this](const std::string& name, const Json& args) {
             if (name == "openURL") log->events.push_back("openURL " + args["url"].get<std::string>());
             if (name == "present" || name == "dismiss")
                 log->events.push_back(name + (console->contains("CLOSE INTERSTITIAL AD") ? " after the line" : ""));
         });
-        TessraQuill::initialize(TessraBuilder{std::string(kApiKey)}.mavo().analytics(false).build());
-        pump();
-        backend->clearRequests();
-    }
-    void TearDown() override {
-        headless.effects->setSink(nullptr);
-        SdkFixture::TearDown();
-        ::unsetenv("TESSRA_AD_HOST");
+        startWithAds();
     }
     /// A new ad whose feed answer has arrived, reporting to `log`.
     std::shared_ptr<InterstitialAD> loaded() {
@@ -66,12 +48,6 @@ protected:
         ad->setInterstitialDelegate(log);
         pump();
         return ad;
-    }
-    std::vector<std::string> trackerHits() const {
-        std::vector<std::string> hits;
-        for (const auto& r : backend->requests())
-            if (r.path.rfind("/t/", 0) == 0) hits.push_back(r.target());
-        return hits;
     }
     std::shared_ptr<Log> log = std::make_shared<Log>();
 };
@@ -99,7 +75,7 @@ TEST_F(Interstitial, TheFeedRequestAsksForTheScreenSizeAndFiresTheImpressionOnce
 }
 
 TEST_F(Interstitial, AFeedAnswerWithoutItemsGivesAnEmptyTitleAndNoImage) {
-    backend->on("GET", "/v1/display/track-1", Answer::json(R"({"session_id":"s"})"));
+    backend->on("GET", kFeedPath, Answer::json(R"({"session_id":"s"})"));
     auto ad = loaded();
     auto iti = ad->interstitialController->iti;
     ASSERT_EQ(iti->subviews().size(), 2u);  // filled, not left empty
