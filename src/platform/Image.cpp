@@ -85,6 +85,22 @@ std::uint8_t* decodeJpegRows(const Data& bytes, std::uint64_t maxPixels, int* wi
     return pixels;
 }
 
+// Every chunk's length fits in the bytes that follow it. stb grows its buffer for the
+// compressed data to what a chunk claims before reading it, so a 100-byte file claiming a
+// 2 GB chunk would allocate 2 GB; such a file is refused here instead.
+bool pngChunksFit(const Data& bytes) {
+    constexpr std::size_t kSignature = 8, kChunkOverhead = 12;  // length, type, CRC
+    std::size_t at = kSignature;
+    while (at + kChunkOverhead <= bytes.size()) {
+        const std::size_t length = (std::size_t{bytes[at]} << 24) | (std::size_t{bytes[at + 1]} << 16) |
+                                   (std::size_t{bytes[at + 2]} << 8) | std::size_t{bytes[at + 3]};
+        if (length > bytes.size() - at - kChunkOverhead) return false;
+        if (std::memcmp(&bytes[at + 4], "IEND", 4) == 0) return true;
+        at += kChunkOverhead + length;
+    }
+    return false;  // ends without IEND: truncated
+}
+
 }  // namespace
 
 std::shared_ptr<Image> Image::decode(const Data& bytes, std::uint64_t maxPixels) {
@@ -95,6 +111,7 @@ std::shared_ptr<Image> Image::decode(const Data& bytes, std::uint64_t maxPixels)
         if (!pixels) return nullptr;
         return std::make_shared<Image>(width, height, std::shared_ptr<std::uint8_t>(pixels, std::free));
     }
+    if (bytes.size() < 8 || !pngChunksFit(bytes)) return nullptr;
     const auto length = static_cast<int>(bytes.size());
     // The header alone first: a picture too large is refused before anything is allocated.
     if (!stbi_info_from_memory(bytes.data(), length, &width, &height, &channels)) return nullptr;
