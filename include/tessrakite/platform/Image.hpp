@@ -27,9 +27,9 @@ public:
     /// them); the error's description on failure.
     std::optional<std::string> writePNG(const std::filesystem::path& file) const;
 
-    /// 64 megapixels: far above any notification image, below what a phone extension
-    /// could decode at all.
-    static constexpr std::uint64_t kDefaultMaxPixels = 64ull * 1024 * 1024;
+    /// 16 megapixels (64 MB of pixels): room for a 4000 x 4000 photo, while a tiny file
+    /// whose header claims a giant picture cannot make an extension allocate more.
+    static constexpr std::uint64_t kDefaultMaxPixels = 16ull * 1024 * 1024;
 
     Image(int width, int height, std::shared_ptr<std::uint8_t> pixels);
 
