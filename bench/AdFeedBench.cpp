@@ -3,6 +3,8 @@
 // nlohmann parse, in the same run. Prints the ratio the goal is stated in.
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.hpp"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -29,17 +31,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-double median(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
-}
-
-size_t collect(char* data, size_t size, size_t n, void* out) {
-    static_cast<std::string*>(out)->append(data, size * n);
-    return size * n;
-}
+using bench::collect;
+using bench::median;
+using bench::seconds;
 
 /// The baseline: one kept-alive libcurl easy handle with the SDK's request header, and a
 /// bare parse of what it got.
@@ -147,12 +141,4 @@ BENCHMARK(BM_NativeAdLoad)->Iterations(3)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    Console::setSink([](std::string_view) {});
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::puts("Goals: load_to_raw_ratio <= 1.2.");
-    return 0;
-}
+int main(int argc, char** argv) { return bench::runBenchmarks(argc, argv, "Goals: load_to_raw_ratio <= 1.2."); }

@@ -2,6 +2,8 @@
 // loopback HTTPS, in the same run. Prints the ratios the goals are stated in.
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.hpp"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -25,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+using bench::seconds;
 
 double percentile(std::vector<double> samples, double p) {
     std::sort(samples.begin(), samples.end());
@@ -149,12 +151,7 @@ BENCHMARK(BM_ScreenViewBurst)->Iterations(3)->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    Console::setSink([](std::string_view) {});
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::puts("Goals: caller_p99_ms <= 0.5; ready_to_raw_ratio <= 1.3; throughput_ratio >= 0.8; "
-              "connections <= 2; caller_us_per_view_mean <= 20.");
-    return 0;
+    return bench::runBenchmarks(argc, argv,
+                                "Goals: caller_p99_ms <= 0.5; ready_to_raw_ratio <= 1.3; throughput_ratio >= 0.8; "
+                                "connections <= 2; caller_us_per_view_mean <= 20.");
 }

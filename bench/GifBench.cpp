@@ -17,6 +17,7 @@
 #include <tessrakite/platform/Platform.hpp>
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
 
+#include "BenchSupport.hpp"
 #include "GifBuilder.hpp"
 #include "TestEnv.hpp"
 
@@ -36,13 +37,7 @@ double threadCpuSeconds() {
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
-double statusKb(const std::string& field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1));
-    return 0;
-}
+using bench::statusKb;
 
 // A bar sweeping across a banner; each GIF has its own colours, speed and delay.
 Data banner(int which, int delayCs) {

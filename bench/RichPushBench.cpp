@@ -5,6 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchSupport.hpp"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,16 +40,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-/// A kB figure from /proc/self/status ("VmRSS", "VmHWM").
-double statusKb(const std::string& field) {
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1));
-    return 0;
-}
+using bench::collect;
+using bench::seconds;
+using bench::statusKb;
 
 /// An app whose extension is served a campaign with the sandbox's 1 MB photo.
 struct Extension {
@@ -96,11 +91,6 @@ struct Extension {
         return attached;
     }
 };
-
-size_t collect(char* data, size_t size, size_t n, void* out) {
-    static_cast<std::string*>(out)->append(data, size * n);
-    return size * n;
-}
 
 /// The baseline: what an extension written by hand against the same libraries would do.
 struct Bare {
@@ -319,14 +309,12 @@ BENCHMARK(BM_AppGroupProcessesAtOnce)->Iterations(1)->Unit(benchmark::kMilliseco
 }  // namespace
 
 int main(int argc, char** argv) {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    Console::setSink([](std::string_view) {});
-    if (argc == 3 && std::string(argv[1]) == "--child") return childMain(argv[2]);
-    if (argc == 4 && std::string(argv[1]) == "--memory") return memoryChildMain(argv[2], std::string(argv[3]) == "warm");
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::puts("Goals: sdk_to_bare_ratio <= 1.2; peak_above_rss_{cold,warm}_MB <= limit_MB; tx_badge == 2000; "
-              "tx_url_entries == tx_t_entries == 500.");
-    return 0;
+    if ((argc == 3 && std::string(argv[1]) == "--child") || (argc == 4 && std::string(argv[1]) == "--memory")) {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        Console::setSink([](std::string_view) {});
+        return argc == 3 ? childMain(argv[2]) : memoryChildMain(argv[2], std::string(argv[3]) == "warm");
+    }
+    return bench::runBenchmarks(argc, argv,
+                                "Goals: sdk_to_bare_ratio <= 1.2; peak_above_rss_{cold,warm}_MB <= limit_MB; "
+                                "tx_badge == 2000; tx_url_entries == tx_t_entries == 500.");
 }
