@@ -1,5 +1,7 @@
 #include <tessrakite/platform/Console.hpp>
 
+#include "platform/FatalStop.hpp"
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -54,7 +56,11 @@ void fatalError(std::string_view message) {
     line.push_back('\n');
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
+#ifdef TESSRA_FATAL_UNWINDS
+    throw FatalStop{std::string(message)};
+#else
     std::abort();
+#endif
 }
 
 }  // namespace tessrakite
