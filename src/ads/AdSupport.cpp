@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <variant>
 
 #include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -15,6 +16,11 @@ bool adsEnabled() {
     if (!TessraQuill::initialized()) return false;
     auto config = TessraQuill::config();
     return config && config->mavo();
+}
+
+std::string describe(const TessraRequest::AdError& error) {
+    if (const auto* url = std::get_if<platform::UrlError>(&error)) return url->localizedDescription();
+    return std::get<DecodingError>(error).description();
 }
 
 std::int64_t wholePoints(double value) {

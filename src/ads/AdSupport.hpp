@@ -22,6 +22,9 @@ std::int64_t wholePoints(double value);
 /// The main screen's bounds now (empty when the platform has no screen).
 platform::Rect mainScreenBounds();
 
+/// An ad request's error as the console shows it.
+std::string describe(const TessraRequest::AdError& error);
+
 enum class AdEvent { impression, view, click };
 
 /// The first `md` of the first item, when there is one.

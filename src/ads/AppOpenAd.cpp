@@ -22,11 +22,6 @@ using ads_detail::AdEvent;
 // As the feed request: one shared session, a bounded wait per request.
 constexpr double kImageTimeoutSeconds = 10;
 
-std::string errorText(const TessraRequest::AdError& error) {
-    if (const auto* url = std::get_if<platform::UrlError>(&error)) return url->localizedDescription();
-    return std::get<DecodingError>(error).description();
-}
-
 // A still JPEG or PNG, or the first frame of a GIF creative.
 std::shared_ptr<platform::Image> decodeCreative(const Data& bytes) {
     if (auto image = platform::Image::decode(bytes)) return image;
@@ -83,7 +78,7 @@ void AppOpenAd::loadAppOpenAd(const std::string& placementId_) {
             [weakSelf](std::optional<MavoObject> ad, std::optional<TessraRequest::AdError> error) {
                 // Every field of the ad belongs to the main queue.
                 std::optional<std::string> why;
-                if (error) why = errorText(*error);
+                if (error) why = ads_detail::describe(*error);
                 platform::currentPlatform()->mainQueue().async(
                     [weakSelf, ad = std::move(ad), why = std::move(why)]() mutable {
                         if (auto self = weakSelf.lock()) self->onFeedAnswer(std::move(ad), std::move(why));

@@ -22,18 +22,6 @@ namespace {
 // The sample page a new banner carries; the tap never opens it.
 constexpr const char* kSamplePage = "https://tessrakite.io/demo";
 
-// Whole points for the feed request, truncated toward zero; a size with no integer value
-// (never one a screen has) counts as nothing rather than wrapping.
-std::int64_t wholePoints(double value) {
-    if (!std::isfinite(value) || value >= 9223372036854775808.0 || value < -9223372036854775808.0) return 0;
-    return static_cast<std::int64_t>(value);
-}
-
-std::string describe(const TessraRequest::AdError& error) {
-    if (const auto* url = std::get_if<platform::UrlError>(&error)) return url->localizedDescription();
-    return std::get<DecodingError>(error).description();
-}
-
 bool endsWith(const std::string& text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
@@ -176,6 +164,7 @@ void BannerView::loadAd() {
             Console::print("BannerView: create the banner with std::make_shared; this one cannot receive ads");
             return;
         }
+        using ads_detail::wholePoints;
         const SizesForAdd sizes{wholePoints(screenWidth()), wholePoints(screenHeight()), wholePoints(frame.width),
                                 wholePoints(frame.height)};
         TessraQuill::tessraRequest().loadAd(
@@ -185,7 +174,7 @@ void BannerView::loadAd() {
                 if (error || !ad) {
                     if (!error) fatalError("Unexpectedly found nil while unwrapping an Optional value: no ad and no error");
                     if (auto delegate = self->delegate()) delegate->bannerView(*self, *error);
-                    Console::print(describe(*error));
+                    Console::print(ads_detail::describe(*error));
                     return;
                 }
                 platform::currentPlatform()->mainQueue().async([self, ad = std::move(*ad)] { self->show(ad); });
