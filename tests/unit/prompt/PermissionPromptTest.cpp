@@ -78,7 +78,10 @@ TEST_F(PermissionPrompt, AsksOnlyWhileUndecidedAndBySwitchedPath) {
         SCOPED_TRACE(static_cast<int>(c.status) * 2 + c.custom);
         headless.application->unregisterForRemoteNotifications();
         if (screen->presentedViewController()) screen->dismiss(false);
-        effects.clear();
+        {
+            std::lock_guard lock(mutex);
+            effects.clear();
+        }
         ask(c.status, c.custom);
         EXPECT_EQ(registered(), c.registers);
         ASSERT_EQ(prompt() != nullptr, c.presents);
