@@ -30,7 +30,9 @@
 #include <tessrakite/push/NotificationObject.hpp>
 #include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushObj.hpp>
+#include <tessrakite/platform/WebView.hpp>
 
+#include "notification_ui/CustomPromt.hpp"
 #include "platform/Nesting.hpp"
 
 namespace tessra_host {
@@ -502,6 +504,7 @@ Host::Host(Output& output, std::string bundleFolder, bool extension) : out_(outp
     // As an app delegate does: the token the platform hands out goes to the SDK.
     headless_.application->setDeviceTokenHandler([](const Data& token) { TessraQuill::registerToken(token); });
     registerOperations();
+    registerPromptOperations();
 }
 
 Host::~Host() {
@@ -1178,6 +1181,49 @@ void Host::registerOperations() {
     ops["exit"] = [this](const Json&) {
         running_ = false;
         return Json(nullptr);
+    };
+}
+
+// ---- The permission prompt ----
+void Host::registerPromptOperations() {
+    auto& ops = operations_;
+    // The screen on top, as an app asks from whatever the user is looking at.
+    auto topScreen = [this] {
+        auto from = headless_.window->rootViewController();
+        if (!from) throw BadArguments("no screen to present from: set one with \"root\" first");
+        while (auto above = from->presentedViewController()) from = above;
+        return from;
+    };
+    // The web view of the topmost screen that shows one.
+    auto shownWebView = [this]() -> std::shared_ptr<platform::WebView> {
+        const auto controllers = headless_.window->controllers();
+        for (auto it = controllers.rbegin(); it != controllers.rend(); ++it)
+            if ((*it)->isViewLoaded())
+                if (auto web = std::dynamic_pointer_cast<platform::WebView>((*it)->view())) return web;
+        return nullptr;
+    };
+    ops["askForNotificationPermissionWith"] = [topScreen](const Json&) {
+        TessraQuill::askForNotificationPermissionWith(topScreen());
+        return Json(nullptr);
+    };
+    ops["askForNotificationsPermission"] = [](const Json&) {
+        TessraQuill::askForNotificationsPermission();
+        return Json(nullptr);
+    };
+    ops["prompt.custom"] = [](const Json& a) {
+        auto enabled = optionalBool(a, "enabled");
+        if (!enabled) throw BadArguments("\"enabled\" must be a boolean");
+        detail::setShouldPresentCustomPromt(*enabled);
+        return Json(detail::shouldPresentCustomPromt());
+    };
+    ops["prompt.message"] = [shownWebView](const Json& a) {
+        auto web = shownWebView();
+        if (!web) throw BadArguments("no web view is shown");
+        return Json(web->receiveScriptMessage(stringArg(a, "channel"), member(a, "body")));
+    };
+    ops["prompt.page"] = [shownWebView](const Json&) {
+        auto web = shownWebView();
+        return web && web->loadedHTML() ? Json(*web->loadedHTML()) : Json(nullptr);
     };
 }
 

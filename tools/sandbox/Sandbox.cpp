@@ -205,10 +205,31 @@ void truncateResponse(Response& res) {
 
 // ---- Built-in documents. ----
 
+/// A prompt record as the prompt script reads it: options (PromtOptions) and a filter.
+Json samplePrompt() {
+    return {{"id", "sandbox-welcome"},
+            {"options",
+             {{"title", "Never miss a beat"},
+              {"text", "Turn on notifications for news, offers and reminders from the sandbox."},
+              {"allowText", "Allow"},
+              {"denyText", "Not now"},
+              {"titleColor", "#1d1d1f"},
+              {"textColor", "#3a3a3c"},
+              {"background", "#ffffff"},
+              {"allowColor", "#0a84ff"},
+              {"allowTextColor", "#ffffff"},
+              {"denyColor", "#e5e5ea"},
+              {"denyTextColor", "#1d1d1f"},
+              {"delay", 1},
+              {"onclick", false},
+              {"onscroll", false}}},
+            {"filter", {{"languages", Json::array()}}}};
+}
+
 Json defaultConfigDocument() {
     return {{"consent", true},
             {"analytics", true},
-            {"push_config", {{"enabled", true}, {"override", false}, {"prompts", Json::array()}}},
+            {"push_config", {{"enabled", true}, {"override", false}, {"prompts", Json::array({samplePrompt()})}}},
             {"url", Json::object()}};
 }
 
@@ -339,17 +360,100 @@ Json sampleAdFeed(const std::string& trackId, const std::string& adId, const std
             {"ts", std::to_string(now)}};
 }
 
-constexpr std::string_view kPromptScript = R"js(// tessra-sandbox prompt script: accepts the permission prompt once the page is loaded.
+constexpr std::string_view kPromptScript = R"js(// tessra-sandbox prompt script: the soft permission prompt, drawn from the prompt records of
+// the configuration document that the page holds as _TXPC.
+//   push_config.enabled false: nothing is shown.
+//   no prompt record: straight on to the system dialog ("pns.show").
+//   else the first record whose filter matches is shown once its delay, onclick and onscroll
+//   conditions are met. Allow fires "pns.htmlOK" with txData; deny tells the app directly.
 (function () {
+  "use strict";
   function conf() { return typeof _TXPC === "object" && _TXPC ? _TXPC : {}; }
-  window.addEventListener("load", function () {
-    var push = conf().push_config || {};
-    console.log("sandbox prompt script: push_config.enabled=" + !!push.enabled);
-    if (!push.enabled) return;
-    var event = new Event("pns.htmlOK");
-    event.txData = { source: "tessra-sandbox" };
+  function fire(name, txData) {
+    var event = new Event(name);
+    if (txData !== undefined) event.txData = txData;
     window.dispatchEvent(event);
-  });
+  }
+  // Filter: every rule given must hold; a record without one always matches.
+  function matches(filter) {
+    if (!filter) return true;
+    var language = (navigator.language || "").toLowerCase();
+    if (Array.isArray(filter.languages) && filter.languages.length &&
+        !filter.languages.some(function (l) { return language.indexOf(String(l).toLowerCase()) === 0; })) return false;
+    if (typeof filter.userAgent === "string" && !new RegExp(filter.userAgent).test(navigator.userAgent)) return false;
+    return true;
+  }
+  function element(tag, id, css, text) {
+    var e = document.createElement(tag);
+    if (id) e.id = id;
+    e.style.cssText = css;
+    if (text !== undefined) e.textContent = text;
+    return e;
+  }
+  function show(prompt) {
+    var o = prompt.options || {};
+    var overlay = element("div", "tx-prompt",
+      "position:fixed;inset:0;display:flex;align-items:flex-end;justify-content:center;z-index:2147483647;" +
+      "font-family:-apple-system,'DejaVu Sans',sans-serif;background:" + (o.overlayColor || "rgba(0,0,0,0.35)"));
+    var card = element("div", "tx-prompt-card",
+      "margin:16px;padding:20px;border-radius:16px;max-width:420px;box-shadow:0 8px 24px rgba(0,0,0,0.25);background:" +
+      (o.background || "#ffffff"));
+    card.appendChild(element("div", "tx-prompt-title",
+      "font-size:20px;font-weight:bold;margin-bottom:8px;color:" + (o.titleColor || "#1d1d1f"), o.title || "Stay in the loop"));
+    card.appendChild(element("div", "tx-prompt-text",
+      "font-size:15px;line-height:1.4;margin-bottom:16px;color:" + (o.textColor || "#3a3a3c"),
+      o.text || "Allow notifications to hear about news and offers first."));
+    var buttons = element("div", "", "display:flex;gap:12px;justify-content:flex-end");
+    var button = "border:0;border-radius:10px;padding:10px 18px;font-size:15px;font-weight:bold;";
+    var deny = element("button", "tx-prompt-deny", button + "background:" + (o.denyColor || "#e5e5ea") +
+      ";color:" + (o.denyTextColor || "#1d1d1f"), o.denyText || "Not now");
+    var allow = element("button", "tx-prompt-allow", button + "background:" + (o.allowColor || "#0a84ff") +
+      ";color:" + (o.allowTextColor || "#ffffff"), o.allowText || "Allow");
+    buttons.appendChild(deny);
+    buttons.appendChild(allow);
+    card.appendChild(buttons);
+    overlay.appendChild(card);
+    document.body.appendChild(overlay);
+    allow.addEventListener("click", function () {
+      overlay.remove();
+      fire("pns.htmlOK", { prompt: prompt.id || null, source: "tessra-sandbox" });
+    });
+    deny.addEventListener("click", function () {
+      overlay.remove();
+      var bridge = window.webkit && window.webkit.messageHandlers && window.webkit.messageHandlers.JSBridge;
+      if (bridge) bridge.postMessage(JSON.stringify({ event: "pns.denied", data: { prompt: prompt.id || null } }));
+    });
+    console.log("tessra prompt shown: " + (prompt.id || "(no id)"));
+  }
+  // Shown "delay" seconds after the trigger: the first tap when onclick is set, a scroll past
+  // onscroll pixels (true: any scroll) when that is set, whichever comes first; else at once.
+  function schedule(prompt) {
+    var o = prompt.options || {};
+    var triggered = false;
+    function ready() {
+      if (triggered) return;
+      triggered = true;
+      setTimeout(function () { show(prompt); }, Math.max(0, Number(o.delay) || 0) * 1000);
+    }
+    if (!o.onclick && !o.onscroll) return ready();
+    if (o.onclick) document.addEventListener("click", ready, { capture: true, once: true });
+    if (o.onscroll) {
+      var distance = typeof o.onscroll === "number" ? o.onscroll : 1;
+      window.addEventListener("scroll", function check() {
+        if (window.scrollY >= distance) { window.removeEventListener("scroll", check); ready(); }
+      });
+    }
+  }
+  function start() {
+    var push = conf().push_config || {};
+    if (!push.enabled) { console.log("tessra prompt: push_config.enabled is off"); return; }
+    var prompts = Array.isArray(push.prompts) ? push.prompts : [];
+    if (!prompts.length) { fire("pns.show"); return; }
+    var chosen = prompts.filter(function (p) { return p && matches(p.filter); })[0];
+    if (!chosen) { console.log("tessra prompt: no prompt record matches"); return; }
+    schedule(chosen);
+  }
+  if (document.readyState === "loading") document.addEventListener("DOMContentLoaded", start); else start();
 })();
 )js";
 

@@ -147,6 +147,14 @@ public:
     /// "tx_eEndpoint").
     static void renotify(const platform::UNNotificationRequest& withRequest);
 
+    // ---- Notification permission ----
+    /// Asks for notification permission when the user has not decided yet: the system's
+    /// registration, or first the custom prompt page presented over `on` when that path is
+    /// switched on. Nothing when the user has already answered.
+    static void askForNotificationPermissionWith(std::shared_ptr<platform::ViewController> on);
+    /// Asks the application, on the main queue, to register for remote notifications.
+    static void askForNotificationsPermission();
+
     // Push payloads (declared here by the push records work).
 
     /// Decodes a push's user info as a direct push, or failing that as a campaign; nothing

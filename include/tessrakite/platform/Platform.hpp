@@ -15,6 +15,7 @@
 namespace tessrakite::platform {
 
 class Window;
+class WebViewObserver;
 
 /// The operating-system services the SDK uses. A host may replace the process-wide
 /// platform before TessraQuill::initialize; the default is the headless platform.
@@ -29,6 +30,7 @@ struct TESSRA_EXPORT Platform {
     std::shared_ptr<Screen> screen;
     std::shared_ptr<Device> device;
     std::shared_ptr<Window> keyWindow;  // the application's key window; none for an extension
+    std::shared_ptr<WebViewObserver> webViewObserver;  // told what web views load; may be none
 
     MainQueue& mainQueue() const { return *runLoop; }
 };

@@ -6,6 +6,7 @@
 #include <sys/utsname.h>
 
 #include <tessrakite/platform/ViewController.hpp>
+#include <tessrakite/platform/WebView.hpp>
 
 namespace tessrakite::platform::headless {
 
@@ -277,6 +278,27 @@ void turnScreen(HeadlessScreen& screen, DeviceOrientation orientation) {
     const Rect turned = landscape ? Rect{b.x, b.y, longSide, shortSide} : Rect{b.x, b.y, shortSide, longSide};
     if (turned != b) screen.setBounds(turned);
 }
+
+/// Web views run no engine here: what they are made with and what they load become effects.
+class WebViewEffects final : public WebViewObserver {
+public:
+    explicit WebViewEffects(std::shared_ptr<Effects> effects) : effects_(std::move(effects)) {}
+    void webViewCreated(const WebView& webView) override {
+        for (const auto& script : webView.configuration().userContentController->userScripts())
+            effects_->emit("userScript",
+                           {{"source", script.source},
+                            {"injection", script.injectionTime == UserScriptInjectionTime::atDocumentStart
+                                              ? "atDocumentStart"
+                                              : "atDocumentEnd"},
+                            {"mainFrameOnly", script.forMainFrameOnly}});
+    }
+    void webViewLoadedHTML(const WebView&, const std::string& html, const std::optional<Url>&) override {
+        effects_->emit("webViewLoad", {{"html", html}});
+    }
+
+private:
+    std::shared_ptr<Effects> effects_;
+};
 }  // namespace
 
 Headless makeHeadlessPlatform(HeadlessOptions options) {
@@ -326,6 +348,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.platform->screen = h.screen;
     h.platform->device = h.device;
     h.platform->keyWindow = h.window;
+    h.platform->webViewObserver = std::make_shared<WebViewEffects>(h.effects);
     return h;
 }
 
