@@ -40,6 +40,8 @@ public:
 private:
     using Handler = std::function<Json(const Json& args)>;
     void registerOperations();
+    /// Administrative pushes and the injected region and beacon events.
+    void registerLocationOperations();
     void pump(double maxSeconds = 10.0);
     using ContentHandler = std::function<void(tessrakite::platform::UNNotificationContent)>;
     /// The content handler the platform passes an extension: the content is shown, and
