@@ -36,6 +36,9 @@ void check(bool ok, const char* what) {
     std::abort();
 }
 
+// Expected outcomes are counted and printed at exit, so a run shows how often the stops hit.
+std::size_t inputs = 0, fatalStops = 0;
+
 // A scratch app with push on: the entry point reads nothing while push is off.
 void setUpApp() {
     Console::setSink([](std::string_view) {});
@@ -54,6 +57,7 @@ void setUpApp() {
     check(platform::writePropertyList(bundle / "Info.plist", PlistValue(info)), "the bundle's Info.plist");
     platform::Bundle::setMain(platform::Bundle::open(bundle));
     TessraQuill::storageManager().set(StorageKey::push, PlistValue(true));
+    std::atexit([] { std::fprintf(stderr, "administrative pushes: %zu, fatal stops: %zu\n", inputs, fatalStops); });
 }
 
 // How many elements the list under `key` has when it is a list of objects.
@@ -85,6 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (json.is_discarded() || !json.is_object()) return 0;
     const auto userInfo = *PlistValue::fromJSON(json).asDictionary();
+    ++inputs;
 
     int calls = 0;
     std::optional<Geofences> geofences;
@@ -98,6 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                              });
     } catch (const FatalStop&) {
         check(calls == 0, "a fatal stop comes before the completion");
+        ++fatalStops;
         return 0;
     }
     check(calls <= 1, "the completion runs at most once");

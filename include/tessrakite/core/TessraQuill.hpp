@@ -12,6 +12,8 @@
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/core/TessraQuillDelegate.hpp>
 #include <tessrakite/platform/Device.hpp>
+#include <tessrakite/location/Beacons.hpp>
+#include <tessrakite/location/Geofences.hpp>
 #include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/PlistValue.hpp>
 #include <tessrakite/platform/Url.hpp>
@@ -33,8 +35,6 @@ namespace tessrakite {
 
 class TessraRequest;
 class TessraBeaconManager;
-struct Geofences;
-struct Beacons;
 namespace platform {
 class CLRegion;
 struct CLBeacon;
