@@ -33,6 +33,7 @@ struct FacadeState {
     std::map<std::string, std::string> utm;
     bool utmLoaded = false;
     std::map<std::string, double> beaconSpamDict;
+    std::shared_ptr<TessraBeaconManager> tessraBecon;
     std::string contentExtNotif = "tx_contentExt";
     TessraQuill::ExtraClsr extraClsr;
 };

@@ -3,6 +3,7 @@
 #include <random>
 
 #include <tessrakite/core/TessraRequest.hpp>
+#include <tessrakite/location/TessraBeaconManager.hpp>
 #include <tessrakite/platform/Platform.hpp>
 #include <tessrakite/platform/ViewController.hpp>
 
@@ -22,6 +23,7 @@ FacadeState& facade() {
 void resetFacadeForTesting() {
     auto& f = facade();
     std::shared_ptr<SessionHelper> helper;
+    std::shared_ptr<TessraBeaconManager> beacons;  // released outside the lock: it prints
     {
         std::lock_guard lock(f.mutex);
         helper = std::move(f.sessionHelper);
@@ -37,6 +39,7 @@ void resetFacadeForTesting() {
         f.utm.clear();
         f.utmLoaded = false;
         f.beaconSpamDict.clear();
+        beacons = std::move(f.tessraBecon);
         f.extraClsr = nullptr;
     }
     if (platform::ViewController::appearanceHooksInstalled()) platform::ViewController::exchangeAppearanceHooks({}, {});
@@ -135,6 +138,23 @@ void initUtmAndSession(const std::map<std::string, std::string>& utm) {
     TessraQuill::installOpenActivity({{"utm_ht", apiKey}});
 }
 
+// Start-up finishes off the main queue; the manager is made on it, so that its region
+// events arrive there, as an app's do.
+void startBeaconManager() {
+    platform::currentPlatform()->mainQueue().async([] {
+        try {
+            auto manager = std::make_shared<TessraBeaconManager>();
+            std::shared_ptr<TessraBeaconManager> previous;
+            {
+                std::lock_guard lock(facade().mutex);
+                previous = std::exchange(facade().tessraBecon, std::move(manager));
+            }
+        } catch (const std::exception& e) {
+            Console::print(std::string("TessraQuill: beacon monitoring failed: ") + e.what());
+        }
+    });
+}
+
 void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::shared_ptr<TessraConfig>& fetched) {
     {
         std::lock_guard lock(facade().mutex);
@@ -144,10 +164,14 @@ void finishStartUp(const std::shared_ptr<TessraConfig>& captured, const std::sha
         facade().initialized = true;
     }
     initUtmAndSession({{"ht", captured->apiKey()}});
-    // With push on, nothing more happens here: beacon monitoring starts with the location
-    // subsystem and crash capture when the host registers the logger.
-    if (!detail::storedSwitch(TessraQuill::storageManager(), StorageKey::push))
+    // With push on, beacon monitoring starts when beacons are on too; crash capture starts
+    // when the host registers the logger.
+    const auto& storage = TessraQuill::storageManager();
+    if (!detail::storedSwitch(storage, StorageKey::push)) {
         Console::print("Notification service is not enabled");
+        return;
+    }
+    if (detail::storedSwitch(storage, StorageKey::beacon)) startBeaconManager();
 }
 
 }  // namespace

@@ -1,25 +1,34 @@
 #include <tessrakite/location/B.hpp>
 
-#include "core/JSONCoding.hpp"
+#include <tuple>
+
+#include <tessrakite/platform/Console.hpp>
+
+#include "core/RecordFields.hpp"
+#include "location/LooseDictionary.hpp"
 
 namespace tessrakite {
 
-void to_json(nlohmann::ordered_json& json, const B& value) {
-    coding::KeyedEncoder out(json);
-    out.encode("id", value.id);
-    out.encode("ib", value.ib);
-    out.encodeIfPresent("major", value.major);
-    out.encodeIfPresent("minor", value.minor);
-    out.encodeIfPresent("distance", value.distance);
-}
+namespace {
 
-void from_json(const nlohmann::ordered_json& json, B& value) {
-    coding::KeyedDecoder in(json);
-    value.id = in.decode<std::string>("id");
-    value.ib = in.decode<std::string>("ib");
-    value.major = in.decodeIfPresent<std::int64_t>("major");
-    value.minor = in.decodeIfPresent<std::int64_t>("minor");
-    value.distance = in.decodeIfPresent<std::int64_t>("distance");
+using coding::optionalField;
+using coding::requiredField;
+
+const auto kBFields = std::tuple{requiredField("id", &B::id), requiredField("ib", &B::ib),
+                                 optionalField("major", &B::major), optionalField("minor", &B::minor),
+                                 optionalField("distance", &B::distance)};
+
+}  // namespace
+
+void to_json(nlohmann::ordered_json& json, const B& value) { coding::encodeFields(json, value, kBFields); }
+void from_json(const nlohmann::ordered_json& json, B& value) { coding::decodeFields(json, value, kBFields); }
+
+B B::init(const PlistDictionary& with) {
+    using namespace loose;
+    auto id = string(with, "id");
+    auto ib = string(with, "ib");
+    if (!id || !ib) fatalError("B: a beacon of an administrative push needs strings under \"id\" and \"ib\"");
+    return B{std::move(*id), std::move(*ib), integer(with, "major"), integer(with, "minor"), integer(with, "distance")};
 }
 
 }  // namespace tessrakite

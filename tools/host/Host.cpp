@@ -25,6 +25,8 @@
 #include <tessrakite/crash/JtCrashLogger.hpp>
 #include <tessrakite/crash/JtCrashReporter.hpp>
 #include <tessrakite/crash/OperationQueue.hpp>
+#include <tessrakite/location/Beacons.hpp>
+#include <tessrakite/location/Geofences.hpp>
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/ViewSnapshot.hpp>
 #include <tessrakite/push/NotificationObject.hpp>
@@ -505,6 +507,7 @@ Host::Host(Output& output, std::string bundleFolder, bool extension) : out_(outp
     headless_.application->setDeviceTokenHandler([](const Data& token) { TessraQuill::registerToken(token); });
     registerOperations();
     registerPromptOperations();
+    registerLocationOperations();
 }
 
 Host::~Host() {
@@ -1224,6 +1227,48 @@ void Host::registerPromptOperations() {
     ops["prompt.page"] = [shownWebView](const Json&) {
         auto web = shownWebView();
         return web && web->loadedHTML() ? Json(*web->loadedHTML()) : Json(nullptr);
+    };
+}
+
+// ---- Location ----
+
+void Host::registerLocationOperations() {
+    auto& ops = operations_;
+    ops["didReciveAdministrativeNotificationWith"] = [this](const Json& a) {
+        TessraQuill::didReciveAdministrativeNotificationWith(
+            dictionaryArg(a, "userInfo"), [this](std::optional<Geofences> geofences, std::optional<Beacons> beacons) {
+                out_.write({{"callback", "administrativeCompletion"},
+                            {"args",
+                             {{"geofences", geofences ? Json(*geofences) : Json(nullptr)},
+                              {"beacons", beacons ? Json(*beacons) : Json(nullptr)}}}});
+            });
+        return Json(nullptr);
+    };
+    // Each answers how many location managers the event was queued for; the pump after
+    // the operation delivers it.
+    auto& location = *headless_.location;
+    ops["location.enter"] = [&location](const Json& a) { return Json(location.enterRegion(stringArg(a, "region"))); };
+    ops["location.exit"] = [&location](const Json& a) { return Json(location.exitRegion(stringArg(a, "region"))); };
+    ops["location.state"] = [&location](const Json& a) {
+        using S = platform::CLRegionState;
+        static const std::map<std::string, S> states = {
+            {"inside", S::inside}, {"outside", S::outside}, {"unknown", S::unknown}};
+        const auto name = stringArg(a, "state");
+        auto state = states.find(name);
+        if (state == states.end()) throw BadArguments("\"state\" must be \"inside\", \"outside\" or \"unknown\"");
+        return Json(location.determineState(stringArg(a, "region"), state->second));
+    };
+    ops["location.range"] = [&location](const Json& a) {
+        const auto& list = member(a, "beacons");
+        if (!list.is_array()) throw BadArguments("\"beacons\" must be a list");
+        std::vector<platform::CLBeacon> beacons;
+        for (const auto& b : list) {
+            if (!b.is_object()) throw BadArguments("\"beacons\" holds objects {uuid, major, minor}");
+            auto uuid = platform::UUID::parse(stringArg(b, "uuid"));
+            if (!uuid) throw BadArguments("\"uuid\" must be a UUID (8-4-4-4-12 hexadecimal digits)");
+            beacons.push_back({*uuid, integerArg(b, "major"), integerArg(b, "minor")});
+        }
+        return Json(location.rangeBeacons(stringArg(a, "region"), beacons));
     };
 }
 

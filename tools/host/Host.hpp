@@ -42,6 +42,8 @@ private:
     void registerOperations();
     /// The permission prompt's operations: the requests, the path switch, the page.
     void registerPromptOperations();
+    /// Administrative pushes and the injected region and beacon events.
+    void registerLocationOperations();
     void pump(double maxSeconds = 10.0);
     using ContentHandler = std::function<void(tessrakite::platform::UNNotificationContent)>;
     /// The content handler the platform passes an extension: the content is shown, and

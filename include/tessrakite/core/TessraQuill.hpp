@@ -12,6 +12,8 @@
 #include <tessrakite/core/TessraConfig.hpp>
 #include <tessrakite/core/TessraQuillDelegate.hpp>
 #include <tessrakite/platform/Device.hpp>
+#include <tessrakite/location/Beacons.hpp>
+#include <tessrakite/location/Geofences.hpp>
 #include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/PlistValue.hpp>
 #include <tessrakite/platform/Url.hpp>
@@ -32,7 +34,10 @@
 namespace tessrakite {
 
 class TessraRequest;
+class TessraBeaconManager;
 namespace platform {
+class CLRegion;
+struct CLBeacon;
 class ViewController;
 }
 
@@ -103,6 +108,24 @@ public:
     static void cancelScheduledNotifications();
     /// The reminder's title from the next scheduling on.
     static void setNotification(const std::string& text);
+
+    // ---- Location ----
+    using AdministrativeCompletion = std::function<void(std::optional<Geofences>, std::optional<Beacons>)>;
+    /// An administrative push: its alert's geofences ("gl", which wins) or beacons ("bl")
+    /// go to `completion`, at most once, on the caller's thread. Nothing while push is off;
+    /// a malformed alert is dropped in silence. A user info without "aps", or a geofence or
+    /// beacon without its required keys, stops the process.
+    static void didReciveAdministrativeNotificationWith(const PlistDictionary& userInfo,
+                                                        AdministrativeCompletion completion);
+    // Part of the interface; they do nothing.
+    static void registerGeoLocations(const std::vector<PlistDictionary>& list);
+    static void sendLocationEnter(const platform::CLRegion& region);
+    static void sendLocationLeft(const platform::CLRegion& region);
+    static void sendiBeaconProximity(const platform::CLBeacon& beacon);
+    /// The beacon manager start-up made when push and beacons were on; nothing otherwise.
+    static std::shared_ptr<TessraBeaconManager> tessraBecon();
+    /// Beacon proximity UUID to the time (seconds since 1970) until which it is suppressed.
+    static std::map<std::string, double> beaconSpamDict();
 
     // ---- Notification service (called from the app's service extension) ----
     using ContentHandler = std::function<void(platform::UNNotificationContent)>;

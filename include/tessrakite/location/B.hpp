@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <tessrakite/Export.hpp>
+#include <tessrakite/platform/PlistValue.hpp>
 
 namespace tessrakite {
 
@@ -18,6 +19,11 @@ struct TESSRA_EXPORT B {
     std::optional<std::int64_t> major;
     std::optional<std::int64_t> minor;
     std::optional<std::int64_t> distance;
+
+    /// From one element of a push's "bl" list. "id" and "ib" must be strings, or the
+    /// process stops: the backend sent a malformed push. "major", "minor" and "distance"
+    /// of another type than integer read as absent.
+    static B init(const PlistDictionary& with);
 
     friend bool operator==(const B&, const B&) = default;
 };

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <tessrakite/Export.hpp>
+#include <tessrakite/platform/PlistValue.hpp>
 
 namespace tessrakite {
 
@@ -20,6 +21,13 @@ struct TESSRA_EXPORT Gl {
     std::optional<bool> lr;
     std::optional<std::int64_t> r;  // radius
     std::string id;
+
+    /// From one element of a push's "gl" list. "c" (a list of strings) and "id" (a string)
+    /// must be there, or the process stops: the backend sent a malformed push. "e", "er"
+    /// and "lr" of another type read as absent. The radius comes from "e" read as an
+    /// integer, never from "r": the backend's pushes carry it there, while its JSON
+    /// documents use "r".
+    static Gl init(const PlistDictionary& with);
 
     friend bool operator==(const Gl&, const Gl&) = default;
 };

@@ -6,6 +6,7 @@
 #include <tessrakite/platform/Application.hpp>
 #include <tessrakite/platform/Clock.hpp>
 #include <tessrakite/platform/Device.hpp>
+#include <tessrakite/platform/LocationManager.hpp>
 #include <tessrakite/platform/MainQueue.hpp>
 #include <tessrakite/platform/NotificationCenter.hpp>
 #include <tessrakite/platform/SerialQueue.hpp>
@@ -27,6 +28,7 @@ struct TESSRA_EXPORT Platform {
     std::shared_ptr<NotificationCenter> notificationCenter;
     std::shared_ptr<Application> application;
     std::shared_ptr<UserNotificationCenter> userNotificationCenter;
+    std::shared_ptr<LocationServices> location;  // region monitoring and beacon ranging
     std::shared_ptr<Screen> screen;
     std::shared_ptr<Device> device;
     std::shared_ptr<Window> keyWindow;  // the application's key window; none for an extension

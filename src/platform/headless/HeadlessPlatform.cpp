@@ -321,6 +321,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.notificationCenter = std::make_shared<HeadlessNotificationCenter>();
     h.application = std::make_shared<HeadlessApplication>(h.effects, runLoop);
     h.userNotificationCenter = std::make_shared<HeadlessUserNotificationCenter>(h.effects, runLoop, clock, utility);
+    h.location = std::make_shared<HeadlessLocationServices>(h.effects, runLoop, utility);
     h.window = makeWindow(h.effects);
     std::weak_ptr<Window> weakWindow = h.window;
     h.screen = std::make_shared<HeadlessScreen>([weakWindow](Rect bounds) {
@@ -345,6 +346,7 @@ Headless makeHeadlessPlatform(HeadlessOptions options) {
     h.platform->notificationCenter = h.notificationCenter;
     h.platform->application = h.application;
     h.platform->userNotificationCenter = h.userNotificationCenter;
+    h.platform->location = h.location;
     h.platform->screen = h.screen;
     h.platform->device = h.device;
     h.platform->keyWindow = h.window;

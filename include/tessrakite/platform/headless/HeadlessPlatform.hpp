@@ -185,6 +185,34 @@ private:
     DeviceOrientation orientation_ = DeviceOrientation::portrait;
 };
 
+/// Location managers whose region and beacon events are injected. A manager hears the
+/// events of the regions it monitors (entry, exit, state) or ranges (beacons), on the
+/// queue of the thread that made it: the main queue when made on the main thread, the
+/// utility queue when made there, else the main queue. Its calls are reported as effects:
+/// "requestAlwaysAuthorization", "startMonitoring" {region, uuid}, "startRanging" {region},
+/// "requestState" {region}. A state request is answered with the region's last injected
+/// state (an entry counts as inside, an exit as outside), unknown before any.
+class TESSRA_EXPORT HeadlessLocationServices final : public LocationServices {
+public:
+    HeadlessLocationServices(std::shared_ptr<Effects> effects, std::shared_ptr<RunLoop> runLoop,
+                             std::shared_ptr<SerialQueue> utilityQueue);
+    std::shared_ptr<LocationManager> makeLocationManager() override;
+
+    // Injection. Each returns how many live managers the event was queued for.
+    std::size_t enterRegion(const std::string& identifier);
+    std::size_t exitRegion(const std::string& identifier);
+    std::size_t determineState(const std::string& identifier, CLRegionState state);
+    std::size_t rangeBeacons(const std::string& identifier, const std::vector<CLBeacon>& beacons);
+
+    struct Shared;
+
+private:
+    std::shared_ptr<Effects> effects_;
+    std::shared_ptr<RunLoop> runLoop_;
+    std::weak_ptr<SerialQueue> utilityQueue_;
+    std::shared_ptr<Shared> shared_;
+};
+
 struct TESSRA_EXPORT HeadlessOptions {
     std::shared_ptr<Clock> clock;            // default: the system clock
     std::shared_ptr<UrlSession> urlSession;  // default: libcurl, options from the environment
@@ -200,6 +228,7 @@ struct TESSRA_EXPORT Headless {
     std::shared_ptr<HeadlessUserNotificationCenter> userNotificationCenter;
     std::shared_ptr<HeadlessScreen> screen;
     std::shared_ptr<HeadlessDevice> device;
+    std::shared_ptr<HeadlessLocationServices> location;
     /// The key window, sized to the screen: a portrait or landscape orientation turns both
     /// and lays the window out again. Presentations report "present" and "dismiss".
     std::shared_ptr<Window> window;
