@@ -24,17 +24,14 @@
 
 #include "platform/FatalStop.hpp"
 #include "platform/Nesting.hpp"
+#include "FuzzCheck.hpp"
 
 namespace {
 
 using namespace tessrakite;
 using Json = nlohmann::ordered_json;
 
-void check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
+using fuzz::check;
 
 // Expected outcomes are counted and printed at exit, so a run shows how often the stops hit.
 std::size_t inputs = 0, fatalStops = 0;

@@ -9,13 +9,11 @@
 
 #include <tessrakite/gif/GifDecoder.hpp>
 
+#include "FuzzCheck.hpp"
+
 namespace {
 
-void check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
+using fuzz::check;
 
 // Small enough that a screen descriptor claiming a huge canvas is refused instead of
 // exhausting the fuzzer's memory, as the real limit does for a real app.

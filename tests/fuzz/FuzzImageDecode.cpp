@@ -8,13 +8,11 @@
 
 #include <tessrakite/platform/Image.hpp>
 
+#include "FuzzCheck.hpp"
+
 namespace {
 
-void check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
+using fuzz::check;
 
 // Small enough that a header claiming a huge picture is refused instead of exhausting
 // the fuzzer's memory, as the real limit does for a real extension.

@@ -23,17 +23,14 @@
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
 
 #include "platform/FatalStop.hpp"
+#include "FuzzCheck.hpp"
 
 namespace {
 
 using namespace tessrakite;
 using Json = nlohmann::ordered_json;
 
-void check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
+using fuzz::check;
 
 // One app for the whole run: a scratch home with a bundle, the headless platform.
 platform::headless::Headless& app() {

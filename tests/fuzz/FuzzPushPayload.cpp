@@ -20,17 +20,14 @@
 #include <tessrakite/platform/Console.hpp>
 
 #include "platform/Nesting.hpp"
+#include "FuzzCheck.hpp"
 
 namespace {
 
 using namespace tessrakite;
 using Json = nlohmann::ordered_json;
 
-void check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
+using fuzz::check;
 
 template <class Record>
 void checkRoundTrip(const Record& record, const char* what) {
