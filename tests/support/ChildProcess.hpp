@@ -28,9 +28,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return pid_ > 0; }
-    pid_t pid() const { return pid_; }
-
     /// Writes to the child's stdin; false once the child stopped reading.
     bool write(const std::string& text);
     /// Closes the child's stdin (end of input).

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -81,7 +82,6 @@ private:
 struct Route {
     std::deque<Answer> queued;
     std::optional<Answer> fixed;
-    FakeBackend::Responder responder;
 };
 
 bool pathMatches(const std::string& pattern, const std::string& path) {
@@ -267,22 +267,17 @@ struct FakeBackend::Impl {
     }
 
     Answer answerFor(const RecordedRequest& recorded) {
-        Responder responder;
-        {
-            std::lock_guard lock(mutex);
-            requests.push_back(recorded);
-            changed.notify_all();
-            if (Route* route = find(recorded.method, recorded.path)) {
-                if (!route->queued.empty()) {
-                    Answer next = std::move(route->queued.front());
-                    route->queued.pop_front();
-                    return next;
-                }
-                if (route->fixed) return *route->fixed;
-                responder = route->responder;
+        std::lock_guard lock(mutex);
+        requests.push_back(recorded);
+        changed.notify_all();
+        if (Route* route = find(recorded.method, recorded.path)) {
+            if (!route->queued.empty()) {
+                Answer next = std::move(route->queued.front());
+                route->queued.pop_front();
+                return next;
             }
+            if (route->fixed) return *route->fixed;
         }
-        if (responder) return responder(recorded);
         return Answer::text("no script for " + recorded.method + " " + recorded.path, 404);
     }
 
@@ -322,10 +317,8 @@ FakeBackend::FakeBackend() : FakeBackend(Options{}) {}
 FakeBackend::FakeBackend(Options options) : impl_(std::make_unique<Impl>(options)) {}
 FakeBackend::~FakeBackend() = default;
 
-int FakeBackend::httpsPort() const { return impl_->httpsPortNumber; }
-int FakeBackend::httpPort() const { return impl_->httpPortNumber; }
-std::string FakeBackend::httpsHost() const { return "127.0.0.1:" + std::to_string(httpsPort()); }
-std::string FakeBackend::httpHost() const { return "127.0.0.1:" + std::to_string(httpPort()); }
+std::string FakeBackend::httpsHost() const { return "127.0.0.1:" + std::to_string(impl_->httpsPortNumber); }
+std::string FakeBackend::httpHost() const { return "127.0.0.1:" + std::to_string(impl_->httpPortNumber); }
 std::string FakeBackend::httpsBase() const { return "https://" + httpsHost(); }
 std::string FakeBackend::httpBase() const { return "http://" + httpHost(); }
 
@@ -333,14 +326,6 @@ void FakeBackend::on(std::string method, std::string path, Answer answer) {
     std::lock_guard lock(impl_->mutex);
     Route& route = impl_->route(std::move(method), std::move(path));
     route.fixed = std::move(answer);
-    route.responder = nullptr;
-}
-
-void FakeBackend::on(std::string method, std::string path, Responder responder) {
-    std::lock_guard lock(impl_->mutex);
-    Route& route = impl_->route(std::move(method), std::move(path));
-    route.fixed.reset();
-    route.responder = std::move(responder);
 }
 
 void FakeBackend::onSequence(std::string method, std::string path, std::vector<Answer> answers) {

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,14 +56,13 @@ struct Answer {
 ///   FakeBackend backend;
 ///   backend.on("GET", "/cfg/key.json", Answer::json(R"({"consent":true})"));
 ///   backend.onSequence("POST", "/v2/activity", {Answer::withStatus(500), Answer::withStatus(201)});
-///   backend.on("GET", "/img/*", [](const RecordedRequest& r) { return Answer::text(r.path); });
 ///   ... backend.httpsBase() + "/cfg/key.json" ...
 ///   ASSERT_TRUE(backend.waitForRequests(1));
 ///   EXPECT_EQ(backend.requests()[0].header("If-Modified-Since"), "...");
 ///
 /// A route is a method and a path; a path ending in "*" matches by prefix. The answers
-/// queued with onSequence come first, in order; then the route's fixed answer or
-/// callback; an unscripted request gets 404. Like many servers, it compresses text and
+/// queued with onSequence come first, in order; then the route's fixed answer; an
+/// unscripted request gets 404. Like many servers, it compresses text and
 /// JSON answers for clients that accept it (the session decodes them). Thread-safe.
 class FakeBackend {
 public:
@@ -72,7 +70,6 @@ public:
         std::string certificate = "tls/server.pem";  // under tests/data
         std::string privateKey = "tls/server.key";
     };
-    using Responder = std::function<Answer(const RecordedRequest&)>;
 
     FakeBackend();
     explicit FakeBackend(Options options);
@@ -80,15 +77,12 @@ public:
     FakeBackend(const FakeBackend&) = delete;
     FakeBackend& operator=(const FakeBackend&) = delete;
 
-    int httpsPort() const;
-    int httpPort() const;
     std::string httpsHost() const;  // "127.0.0.1:PORT"
     std::string httpHost() const;
     std::string httpsBase() const;  // "https://127.0.0.1:PORT"
     std::string httpBase() const;
 
     void on(std::string method, std::string path, Answer answer);
-    void on(std::string method, std::string path, Responder responder);
     void onSequence(std::string method, std::string path, std::vector<Answer> answers);
     void clearScripts();
 
