@@ -11,7 +11,6 @@ namespace {
 struct LoopSource {
     GSource source;
     RunLoop* loop;
-    bool manualClock;  // virtual time moves only when the host moves it: no timeout then
 };
 
 gboolean prepare(GSource* source, gint* timeout) {
@@ -23,7 +22,8 @@ gboolean prepare(GSource* source, gint* timeout) {
         *timeout = 0;
         return TRUE;
     }
-    if (!s->manualClock) *timeout = static_cast<gint>(std::min(std::ceil(*next * 1000.0), double(INT_MAX)));
+    // Virtual time moves only when the host moves it: no timeout to wait for then.
+    if (!s->loop->clock()->isManual()) *timeout = static_cast<gint>(std::min(std::ceil(*next * 1000.0), double(INT_MAX)));
     return FALSE;
 }
 
@@ -47,7 +47,6 @@ public:
         source_ = g_source_new(&loopSourceFuncs, sizeof(LoopSource));
         auto* s = reinterpret_cast<LoopSource*>(source_);
         s->loop = &loop;
-        s->manualClock = loop.clock()->isManual();
         g_source_set_name(source_, "tessrakite main queue");
         g_source_attach(source_, nullptr);
     }
