@@ -81,6 +81,7 @@ private:
     };
     bool popDue(double now, std::function<void()>& out);
     bool busy() const;
+    std::shared_ptr<RunLoopDriver> currentDriver() const;
     void wakeDriver();
     /// Waits up to `seconds` for new work, turning the driver's loop when there is one.
     void waitForWork(double seconds);
