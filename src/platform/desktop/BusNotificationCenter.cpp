@@ -375,8 +375,8 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
         const bool answered = reply != nullptr;
         std::string server, why;
         if (reply) {
-            const gchar *name = nullptr, *vendor = nullptr, *version = nullptr, *spec = nullptr;
-            g_variant_get(reply, "(&s&s&s&s)", &name, &vendor, &version, &spec);
+            const gchar *name = nullptr, *vendor = nullptr, *version = nullptr, *protocol = nullptr;
+            g_variant_get(reply, "(&s&s&s&s)", &name, &vendor, &version, &protocol);
             server = name;
             g_variant_unref(reply);
         } else {
