@@ -1,5 +1,9 @@
 #include <tessrakite/platform/Platform.hpp>
+#include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/platform/headless/HeadlessPlatform.hpp>
+#if TESSRA_DESKTOP_PLATFORM
+#include <tessrakite/platform/desktop/DesktopPlatform.hpp>
+#endif
 
 #include <mutex>
 
@@ -20,7 +24,11 @@ std::shared_ptr<Platform>& platformSlot() {
 std::shared_ptr<Platform> currentPlatform() {
     std::lock_guard lock(platformMutex());
     auto& slot = platformSlot();
+#if TESSRA_DESKTOP_PLATFORM
+    if (!slot) slot = desktop::makeDesktopPlatform().platform;
+#else
     if (!slot) slot = headless::makeHeadlessPlatform().platform;
+#endif
     return slot;
 }
 

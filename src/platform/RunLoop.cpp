@@ -23,6 +23,7 @@ void RunLoop::async(std::function<void()> work) {
         items_.push_back(Item{kNow, sequence_++, std::move(work)});
     }
     wake_.notify_all();
+    wakeDriver();
 }
 
 void RunLoop::asyncAfter(double seconds, std::function<void()> work) {
@@ -32,6 +33,41 @@ void RunLoop::asyncAfter(double seconds, std::function<void()> work) {
         items_.push_back(Item{due, sequence_++, std::move(work)});
     }
     wake_.notify_all();
+    wakeDriver();
+}
+
+void RunLoop::wakeDriver() {
+    if (auto driver = currentDriver()) driver->wake();
+}
+
+void RunLoop::setDriver(std::shared_ptr<RunLoopDriver> driver) {
+    {
+        std::lock_guard lock(mutex_);
+        driver_ = std::move(driver);
+    }
+    wakeDriver();
+}
+
+std::optional<double> RunLoop::nextDue() const {
+    std::lock_guard lock(mutex_);
+    if (items_.empty()) return std::nullopt;
+    double due = items_.front().due;
+    for (const auto& i : items_) due = std::min(due, i.due);
+    return std::max(0.0, due - clock_->now());
+}
+
+std::shared_ptr<RunLoopDriver> RunLoop::currentDriver() const {
+    std::lock_guard lock(mutex_);
+    return driver_;
+}
+
+void RunLoop::waitForWork(double seconds) {
+    if (auto driver = currentDriver()) {
+        driver->iterate(seconds);
+        return;
+    }
+    std::unique_lock lock(mutex_);
+    wake_.wait_for(lock, std::chrono::duration<double>(seconds));
 }
 
 bool RunLoop::isMainThread() const {
@@ -91,7 +127,10 @@ bool RunLoop::busy() const {
 
 bool RunLoop::runUntilIdle(double maxSeconds) {
     auto deadline = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(maxSeconds));
+    const auto driver = currentDriver();
     for (;;) {
+        // The system loop's own ready sources (replies, signals) count as work too.
+        if (driver) driver->iterate(0);
         runOnce();
         // Busy sources first: work that ends between the two checks has already posted
         // what it posts, so the queue check below sees it.
@@ -104,8 +143,7 @@ bool RunLoop::runUntilIdle(double maxSeconds) {
         }
         if (!anyDue && !wasBusy) return true;
         if (Steady::now() >= deadline) return false;
-        std::unique_lock lock(mutex_);
-        wake_.wait_for(lock, std::chrono::milliseconds(2));
+        waitForWork(0.002);
     }
 }
 
@@ -134,12 +172,15 @@ void RunLoop::runFor(double seconds) {
         double now = clock_->now();
         if (now >= deadline) return;
         double wait = deadline - now;
-        {
-            std::unique_lock lock(mutex_);
-            for (const auto& i : items_) wait = std::min(wait, std::max(0.0, i.due - now));
-            if (wait > 0)
-                wake_.wait_for(lock, std::chrono::duration<double>(std::min(wait, 0.05)));
+        if (currentDriver()) {
+            if (auto next = nextDue()) wait = std::min(wait, *next);
+            if (wait > 0) waitForWork(std::min(wait, 0.05));
+            continue;
         }
+        // Measured and waited under one lock, so a post in between is not missed.
+        std::unique_lock lock(mutex_);
+        for (const auto& i : items_) wait = std::min(wait, std::max(0.0, i.due - now));
+        if (wait > 0) wake_.wait_for(lock, std::chrono::duration<double>(std::min(wait, 0.05)));
     }
 }
 

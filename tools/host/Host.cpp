@@ -33,6 +33,10 @@
 #include <tessrakite/push/PCampaignObject.hpp>
 #include <tessrakite/push/PushObj.hpp>
 #include <tessrakite/platform/WebView.hpp>
+#include <tessrakite/BuildConfig.hpp>
+#if TESSRA_DESKTOP_PLATFORM
+#include <tessrakite/platform/desktop/DesktopPlatform.hpp>
+#endif
 
 #include "notification_ui/CustomPromt.hpp"
 #include "platform/Nesting.hpp"
@@ -490,19 +494,38 @@ platform::DeviceOrientation orientationNamed(const std::string& name) {
 
 }  // namespace
 
-Host::Host(Output& output, std::string bundleFolder, bool extension) : out_(output), extension_(extension) {
+Host::Host(Output& output, std::string bundleFolder, bool extension, bool desktop)
+    : out_(output), extension_(extension) {
     Console::setSink([this](std::string_view line) { out_.write({{"console", std::string(line)}}); });
     platform::Bundle::setMain(platform::Bundle::open(bundleFolder));
     clock_ = std::make_shared<SwitchableClock>();
-    headless_ = hl::makeHeadlessPlatform({clock_, nullptr});
+#if TESSRA_DESKTOP_PLATFORM
+    if (desktop) {
+        auto d = platform::desktop::makeDesktopPlatform({clock_, nullptr});
+        headless_ = d.headless;
+        platform_ = d.platform;
+    }
+#else
+    (void)desktop;
+#endif
+    if (!platform_) {
+        headless_ = hl::makeHeadlessPlatform({clock_, nullptr});
+        platform_ = headless_.platform;
+    }
     headless_.effects->setSink([this](const std::string& name, const Json& args) {
         Json line = {{"platform", name}};
         for (auto it = args.begin(); it != args.end(); ++it) line[it.key()] = it.value();
         out_.write(line);
     });
-    platform::setCurrentPlatform(headless_.platform);
+    platform::setCurrentPlatform(platform_);
     delegate_ = std::make_shared<HostDelegate>(out_);
     TessraQuill::setTessraDelegate(delegate_);
+    // As the app delegate's response callback does: a click on a shown notification opens it.
+    platform_->userNotificationCenter->setResponseHandler([this](const platform::UNNotificationResponse& response) {
+        TessraQuill::pushTrackOpen(true, response, [this](std::optional<std::string> url) {
+            out_.write({{"callback", "pushTrackOpen"}, {"args", {{"url", optionalJson(url)}}}});
+        });
+    });
     // As an app delegate does: the token the platform hands out goes to the SDK.
     headless_.application->setDeviceTokenHandler([](const Data& token) { TessraQuill::registerToken(token); });
     registerOperations();

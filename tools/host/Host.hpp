@@ -31,7 +31,8 @@ struct BadArguments : std::runtime_error {
 class Host {
 public:
     /// `extension`: the host runs as the app's service extension and never starts the SDK.
-    Host(Output& output, std::string bundleFolder, bool extension = false);
+    /// `desktop`: the desktop platform (a build with it only) instead of the headless one.
+    Host(Output& output, std::string bundleFolder, bool extension = false, bool desktop = false);
     ~Host();
 
     /// Runs one line; false after "exit".
@@ -55,7 +56,9 @@ private:
     tessrakite::platform::UNNotification deliveredOrBare(const std::string& identifier) const;
 
     Output& out_;
+    // The headless services; with the desktop platform, the ones it keeps.
     tessrakite::platform::headless::Headless headless_;
+    std::shared_ptr<tessrakite::platform::Platform> platform_;  // the one the SDK runs on
     std::shared_ptr<class SwitchableClock> clock_;
     std::shared_ptr<class HostDelegate> delegate_;
     std::map<std::string, Handler> operations_;

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <string>
 
+#include <tessrakite/BuildConfig.hpp>
 #include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/FileRoots.hpp>
 
@@ -15,7 +16,7 @@
 namespace {
 
 int usage() {
-    std::cerr << "usage: tessra-host [--bundle DIR] [--extension NAME] [--script FILE]\n";
+    std::cerr << "usage: tessra-host [--bundle DIR] [--extension NAME] [--script FILE] [--platform headless|desktop]\n";
     return 2;
 }
 
@@ -66,6 +67,7 @@ std::string extensionBundle(const std::string& appFolder, const std::string& nam
 
 int main(int argc, char** argv) {
     std::string bundle, script, extension;
+    std::string platformName = TESSRA_DESKTOP_PLATFORM ? "desktop" : "headless";  // as the SDK was built
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--bundle") && i + 1 < argc)
             bundle = argv[++i];
@@ -73,8 +75,15 @@ int main(int argc, char** argv) {
             script = argv[++i];
         else if (!std::strcmp(argv[i], "--extension") && i + 1 < argc && *argv[i + 1])
             extension = argv[++i];
+        else if (!std::strcmp(argv[i], "--platform") && i + 1 < argc)
+            platformName = argv[++i];
         else
             return usage();
+    }
+    if (platformName != "headless" && platformName != "desktop") return usage();
+    if (platformName == "desktop" && !TESSRA_DESKTOP_PLATFORM) {
+        std::cerr << "tessra-host: this build has no desktop platform (configure with TESSRA_PLATFORM=desktop)\n";
+        return 2;
     }
     if (bundle.empty()) bundle = sampleBundle();
     if (!extension.empty()) {
@@ -95,7 +104,7 @@ int main(int argc, char** argv) {
     std::istream& in = script.empty() ? std::cin : file;
 
     tessra_host::Output output;
-    tessra_host::Host host(output, bundle, !extension.empty());
+    tessra_host::Host host(output, bundle, !extension.empty(), platformName == "desktop");
     std::string line;
     while (std::getline(in, line))
         if (!host.runLine(line)) break;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,18 @@ public:
     virtual void async(std::function<void()> work) = 0;
     virtual void asyncAfter(double seconds, std::function<void()> work) = 0;
     virtual bool isMainThread() const = 0;
+};
+
+/// A system event loop that dispatches the run loop's items (the GLib main loop on a
+/// desktop): told of new work from any thread, and turned while a host pumps the run loop,
+/// so the system's own sources (bus replies, signals) are served by the same pump.
+class TESSRA_EXPORT RunLoopDriver {
+public:
+    virtual ~RunLoopDriver() = default;
+    /// Work was posted; may be called from any thread.
+    virtual void wake() = 0;
+    /// One round of the system loop on the pumping thread, waiting at most `seconds`.
+    virtual void iterate(double seconds) = 0;
 };
 
 /// The headless main queue: work waits until the host pumps it, the way an app runs its
@@ -54,6 +67,11 @@ public:
     void adoptCurrentThread();
     /// Number of items waiting, due or not.
     std::size_t pendingCount() const;
+    /// Clock seconds until the next item is due (0 when one is), nothing when none waits.
+    std::optional<double> nextDue() const;
+    /// The system loop that dispatches this queue from now on; none: the host pumps it alone.
+    void setDriver(std::shared_ptr<RunLoopDriver> driver);
+    const std::shared_ptr<Clock>& clock() const { return clock_; }
 
 private:
     struct Item {
@@ -63,6 +81,10 @@ private:
     };
     bool popDue(double now, std::function<void()>& out);
     bool busy() const;
+    std::shared_ptr<RunLoopDriver> currentDriver() const;
+    void wakeDriver();
+    /// Waits up to `seconds` for new work, turning the driver's loop when there is one.
+    void waitForWork(double seconds);
 
     std::shared_ptr<Clock> clock_;
     mutable std::mutex mutex_;
@@ -71,6 +93,7 @@ private:
     std::uint64_t sequence_ = 0;
     std::thread::id mainThread_;
     std::vector<BusySource> busySources_;
+    std::shared_ptr<RunLoopDriver> driver_;
 };
 
 }  // namespace tessrakite::platform

@@ -19,7 +19,7 @@ class Window;
 class WebViewObserver;
 
 /// The operating-system services the SDK uses. A host may replace the process-wide
-/// platform before TessraQuill::initialize; the default is the headless platform.
+/// platform before TessraQuill::initialize; the default is chosen by TESSRA_PLATFORM.
 struct TESSRA_EXPORT Platform {
     std::shared_ptr<Clock> clock;
     std::shared_ptr<RunLoop> runLoop;  // the main queue
@@ -37,7 +37,8 @@ struct TESSRA_EXPORT Platform {
     MainQueue& mainQueue() const { return *runLoop; }
 };
 
-/// The process-wide platform; made on first use (headless) unless a host set one.
+/// The process-wide platform; made on first use unless a host set one: the desktop
+/// platform in a build with TESSRA_PLATFORM=desktop, else the headless one.
 TESSRA_EXPORT std::shared_ptr<Platform> currentPlatform();
 TESSRA_EXPORT void setCurrentPlatform(std::shared_ptr<Platform> platform);
 

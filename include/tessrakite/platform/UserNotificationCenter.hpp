@@ -113,6 +113,11 @@ public:
     virtual void removeAllDeliveredNotifications() = 0;
     virtual void setNotificationCategories(std::vector<UNNotificationCategory> categories) = 0;
     virtual void getNotificationCategories(std::function<void(std::vector<UNNotificationCategory>)> completion) = 0;
+
+    /// What the app does when the user opens a delivered notification or taps one of its
+    /// buttons (the app delegate's response callback); it runs on the main queue. A centre
+    /// whose notifications nobody can touch never calls it.
+    virtual void setResponseHandler(std::function<void(const UNNotificationResponse&)> handler) { (void)handler; }
 };
 
 }  // namespace tessrakite::platform

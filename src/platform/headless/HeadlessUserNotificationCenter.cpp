@@ -228,6 +228,14 @@ struct HeadlessUserNotificationCenter::Shared : std::enable_shared_from_this<Sha
     std::shared_ptr<RunLoop> runLoop;
     std::shared_ptr<Clock> clock;
 
+    std::mutex observerMutex;  // apart from `mutex`: the observer runs with neither held
+    std::shared_ptr<DeliveryObserver> observer;
+
+    std::shared_ptr<DeliveryObserver> currentObserver() {
+        std::lock_guard lock(observerMutex);
+        return observer;
+    }
+
     std::mutex mutex;
     bool opened = false;
     std::filesystem::path file;  // empty: in memory
@@ -467,8 +475,10 @@ struct HeadlessUserNotificationCenter::Shared : std::enable_shared_from_this<Sha
                 armed.erase(identifier);
             if (!ok) shown.reset();
         }
-        if (shown)
+        if (shown) {
             effects->emit("notificationDelivered", {{"identifier", identifier}, {"content", toJSON(shown->content)}});
+            if (auto o = currentObserver()) o->delivered(*shown);
+        }
     }
 
     // Removes the named requests (all when `identifiers` is nothing); returns the names
@@ -659,6 +669,7 @@ void HeadlessUserNotificationCenter::add(UNNotificationRequest request,
             error = "the request \"" + request.identifier + "\" could not be saved";
     } else if (shared_->deliverNow(request.identifier, *blob)) {
         effects_->emit("notificationDelivered", {{"identifier", request.identifier}, {"content", content}});
+        if (auto o = shared_->currentObserver()) o->delivered(request);
     } else {
         error = "the notification \"" + request.identifier + "\" could not be saved";
     }
@@ -687,10 +698,13 @@ void HeadlessUserNotificationCenter::getDeliveredNotifications(
 void HeadlessUserNotificationCenter::removeDeliveredNotifications(const std::vector<std::string>& identifiers) {
     shared_->remove("delivered", identifiers);
     effects_->emit("removedDelivered", {{"identifiers", identifiers}});
+    if (auto o = shared_->currentObserver()) o->removed(identifiers);
 }
 
 void HeadlessUserNotificationCenter::removeAllDeliveredNotifications() {
-    effects_->emit("removedDelivered", {{"identifiers", shared_->remove("delivered", std::nullopt)}});
+    const auto removed = shared_->remove("delivered", std::nullopt);
+    effects_->emit("removedDelivered", {{"identifiers", removed}});
+    if (auto o = shared_->currentObserver()) o->removed(removed);
 }
 
 void HeadlessUserNotificationCenter::setNotificationCategories(std::vector<UNNotificationCategory> categories) {
@@ -727,6 +741,11 @@ std::vector<UNNotificationCategory> HeadlessUserNotificationCenter::categories()
 std::optional<unsigned> HeadlessUserNotificationCenter::lastAuthorizationOptions() const {
     std::lock_guard lock(mutex_);
     return lastOptions_;
+}
+
+void HeadlessUserNotificationCenter::setDeliveryObserver(std::shared_ptr<DeliveryObserver> observer) {
+    std::lock_guard lock(shared_->observerMutex);
+    shared_->observer = std::move(observer);
 }
 
 }  // namespace tessrakite::platform::headless

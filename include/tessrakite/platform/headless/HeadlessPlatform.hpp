@@ -88,6 +88,15 @@ private:
     std::map<BackgroundTaskIdentifier, std::pair<std::string, std::function<void()>>> tasks_;
 };
 
+/// Told of what the user should see: each delivery (at once or when a trigger fires) and
+/// each removal of delivered notifications, after the store has it. A desktop shows them.
+class TESSRA_EXPORT DeliveryObserver {
+public:
+    virtual ~DeliveryObserver() = default;
+    virtual void delivered(const UNNotificationRequest& request) = 0;
+    virtual void removed(const std::vector<std::string>& identifiers) = 0;
+};
+
 /// The user-notification centre of one application, shared by the app and its extensions
 /// as the phone's system service is: pending requests, delivered notifications and
 /// categories live in FileRoots::appFolder(<app bundle id>)/notifications.sqlite, where
@@ -131,6 +140,8 @@ public:
     std::vector<UNNotificationCategory> categories() const;
     /// Options passed to the last authorization request, if any.
     std::optional<unsigned> lastAuthorizationOptions() const;
+    /// The one observer of deliveries and removals in this process; none by default.
+    void setDeliveryObserver(std::shared_ptr<DeliveryObserver> observer);
 
     static nlohmann::ordered_json toJSON(const UNNotificationContent& content);
     /// {"interval", "repeats"}, or null for a request delivered at once.

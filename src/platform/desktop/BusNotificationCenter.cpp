@@ -1,0 +1,490 @@
+#include "platform/desktop/GLibSupport.hpp"
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+
+#include <tessrakite/platform/Bundle.hpp>
+#include <tessrakite/platform/Console.hpp>
+
+namespace tessrakite::platform::desktop {
+namespace {
+
+using headless::Effects;
+using headless::HeadlessUserNotificationCenter;
+using nlohmann::ordered_json;
+
+constexpr const char* kService = "org.freedesktop.Notifications";
+constexpr const char* kPath = "/org/freedesktop/Notifications";
+constexpr const char* kInterface = "org.freedesktop.Notifications";
+constexpr const char* kLabel = "Desktop notifications";
+constexpr gint kCallTimeoutMs = 5000;
+
+// The name the notification service shows as the sender: the application's, also when an
+// extension (App.app/PlugIns/X.appex) delivers.
+std::string applicationName() {
+    auto bundle = Bundle::main();
+    if (!bundle) return "TessraKite";
+    auto url = bundle->bundleURL();
+    if (!url.has_filename()) url = url.parent_path();
+    if (url.extension() == ".appex" && url.parent_path().filename() == "PlugIns")
+        if (auto app = Bundle::open(url.parent_path().parent_path())) bundle = app;
+    if (auto name = bundle->displayName()) return *name;
+    if (auto name = bundle->string("CFBundleName")) return *name;
+    return "TessraKite";
+}
+
+std::string escaped(const std::string& text) {
+    gchar* e = g_markup_escape_text(text.c_str(), static_cast<gssize>(text.size()));
+    std::string out = e;
+    g_free(e);
+    return out;
+}
+
+// The phone shows the subtitle as a line of its own above the body: bold where the
+// service reads markup, a plain first line where it does not.
+std::string bodyText(const UNNotificationContent& c, bool markup) {
+    if (c.subtitle.empty()) return markup ? escaped(c.body) : c.body;
+    if (markup) return "<b>" + escaped(c.subtitle) + "</b>\n" + escaped(c.body);
+    return c.subtitle + "\n" + c.body;
+}
+
+// "default" is the phone's stock sound; the freedesktop sound theme's name for it.
+std::string soundName(const std::string& sound) { return sound == "default" ? "message-new-instant" : sound; }
+
+struct Bus;
+
+// What a GLib callback holds: the state, as long as it lives.
+struct CallData {
+    std::weak_ptr<Bus> bus;
+    std::string identifier;
+};
+
+/// The connection and the map between the service's ids and request identifiers. Every
+/// bus call is made on the default main context, so replies and signals arrive there.
+struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus> {
+    Bus(std::weak_ptr<HeadlessUserNotificationCenter> s, std::shared_ptr<Effects> e, std::shared_ptr<RunLoop> r,
+        std::shared_ptr<SerialQueue> a)
+        : store(std::move(s)), effects(std::move(e)), runLoop(std::move(r)), answers(std::move(a)) {}
+
+    ~Bus() override {
+        if (!connection) return;
+        for (guint id : subscriptions) g_dbus_connection_signal_unsubscribe(connection, id);
+        g_object_unref(connection);
+    }
+    Bus(const Bus&) = delete;
+    Bus& operator=(const Bus&) = delete;
+
+    std::weak_ptr<HeadlessUserNotificationCenter> store;
+    std::shared_ptr<Effects> effects;
+    std::shared_ptr<RunLoop> runLoop;
+    std::shared_ptr<SerialQueue> answers;
+    std::atomic<int> inFlight{0};  // calls made or waiting for the main context, not answered
+
+    std::mutex mutex;
+    GDBusConnection* connection = nullptr;
+    std::string connectError;
+    std::vector<guint> subscriptions;
+    std::optional<bool> markup;  // whether the service reads body markup, once it said
+    std::map<std::string, guint32> shown;             // request identifier -> service id
+    std::map<guint32, std::string> requests;          // service id -> request identifier
+    std::set<std::string> showing;                    // Notify sent, no id back yet
+    std::set<std::string> closeWhenShown;             // removed while showing
+    std::function<void(const UNNotificationResponse&)> handler;
+    UNAuthorizationStatus status = UNAuthorizationStatus::notDetermined;
+
+    // ---- connection (on the main context) ----
+
+    GDBusConnection* connect() {
+        std::lock_guard lock(mutex);
+        if (connection) return connection;
+        GError* error = nullptr;
+        gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+        if (address) {
+            // A connection of our own: the shared one would end the process if the bus went away.
+            connection = g_dbus_connection_new_for_address_sync(
+                address,
+                GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                     G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                nullptr, nullptr, &error);
+            g_free(address);
+        }
+        if (!connection) {
+            std::string why = takeMessage(error);
+            if (why != connectError) Console::print(std::string(kLabel) + ": no session bus (" + why + ")");
+            connectError = why;
+            return nullptr;
+        }
+        connectError.clear();
+        for (const char* member : {"ActionInvoked", "NotificationClosed"})
+            subscriptions.push_back(g_dbus_connection_signal_subscribe(
+                connection, nullptr, kInterface, member, kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
+                new std::weak_ptr<Bus>(weak_from_this()),
+                [](gpointer data) { delete static_cast<std::weak_ptr<Bus>*>(data); }));
+        return connection;
+    }
+
+    // Asked once per connection and before the first notification, so its body is right.
+    bool readsMarkup(GDBusConnection* c) {
+        {
+            std::lock_guard lock(mutex);
+            if (markup) return *markup;
+        }
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_sync(c, kService, kPath, kInterface, "GetCapabilities", nullptr,
+                                                      G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
+                                                      nullptr, &error);
+        if (!reply) {
+            g_clear_error(&error);
+            return false;
+        }
+        bool found = false;
+        GVariantIter* capabilities = nullptr;
+        g_variant_get(reply, "(as)", &capabilities);
+        const gchar* capability = nullptr;
+        while (g_variant_iter_loop(capabilities, "&s", &capability))
+            if (std::string(capability) == "body-markup") found = true;
+        g_variant_iter_free(capabilities);
+        g_variant_unref(reply);
+        std::lock_guard lock(mutex);
+        markup = found;
+        return found;
+    }
+
+    // Work for the main context, counted as in flight until `done` is called.
+    void onMain(std::function<void()> work) {
+        ++inFlight;
+        onMainContext(std::move(work));
+    }
+    void done() { --inFlight; }
+
+    // ---- showing ----
+
+    void delivered(const UNNotificationRequest& request) override {
+        std::weak_ptr<Bus> weak = weak_from_this();
+        onMain([weak, request] {
+            if (auto self = weak.lock()) self->notify(request);
+        });
+    }
+
+    void notify(const UNNotificationRequest& request) {
+        GDBusConnection* c = connect();
+        if (!c) return done();
+        const bool markupBody = readsMarkup(c);
+        const auto& content = request.content;
+
+        GVariantBuilder actions;
+        g_variant_builder_init(&actions, G_VARIANT_TYPE("as"));
+        // "default" is a click on the notification itself.
+        g_variant_builder_add(&actions, "s", "default");
+        g_variant_builder_add(&actions, "s", "Open");
+        if (auto s = store.lock(); s && !content.categoryIdentifier.empty())
+            for (const auto& category : s->categories())
+                if (category.identifier == content.categoryIdentifier)
+                    for (const auto& action : category.actions) {
+                        g_variant_builder_add(&actions, "s", action.identifier.c_str());
+                        g_variant_builder_add(&actions, "s", action.title.c_str());
+                    }
+        GVariantBuilder hints;
+        g_variant_builder_init(&hints, G_VARIANT_TYPE("a{sv}"));
+        for (const auto& attachment : content.attachments)
+            if (!attachment.url.empty()) {
+                g_variant_builder_add(&hints, "{sv}", "image-path", g_variant_new_string(attachment.url.c_str()));
+                break;
+            }
+        if (content.sound)
+            g_variant_builder_add(&hints, "{sv}", "sound-name", g_variant_new_string(soundName(*content.sound).c_str()));
+
+        guint32 replaces = 0;
+        {
+            std::lock_guard lock(mutex);
+            // A request delivered again under its identifier replaces what it showed.
+            if (auto it = shown.find(request.identifier); it != shown.end()) replaces = it->second;
+            showing.insert(request.identifier);
+            closeWhenShown.erase(request.identifier);
+        }
+        const std::string body = bodyText(content, markupBody);
+        g_dbus_connection_call(
+            c, kService, kPath, kInterface, "Notify",
+            g_variant_new("(susssasa{sv}i)", applicationName().c_str(), replaces, "", content.title.c_str(),
+                          body.c_str(), &actions, &hints, -1),
+            G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, onNotified,
+            new CallData{weak_from_this(), request.identifier});
+    }
+
+    static void onNotified(GObject* source, GAsyncResult* result, gpointer data) {
+        std::unique_ptr<CallData> call(static_cast<CallData*>(data));
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+        auto self = call->bus.lock();
+        if (!self) {
+            if (reply) g_variant_unref(reply);
+            g_clear_error(&error);
+            return;
+        }
+        std::optional<guint32> id;
+        if (reply) {
+            guint32 value = 0;
+            g_variant_get(reply, "(u)", &value);
+            g_variant_unref(reply);
+            id = value;
+        } else {
+            Console::print(std::string(kLabel) + ": \"" + call->identifier + "\" was not shown (" +
+                           takeMessage(error) + ")");
+        }
+        bool closeNow = false;
+        {
+            std::lock_guard lock(self->mutex);
+            self->showing.erase(call->identifier);
+            closeNow = self->closeWhenShown.erase(call->identifier) > 0;
+            if (id && !closeNow) {
+                if (auto old = self->shown.find(call->identifier); old != self->shown.end())
+                    self->requests.erase(old->second);
+                self->shown[call->identifier] = *id;
+                self->requests[*id] = call->identifier;
+            }
+        }
+        if (id) self->effects->emit("desktopNotify", {{"identifier", call->identifier}, {"id", *id}});
+        if (id && closeNow) self->close(*id);
+        self->done();
+    }
+
+    void removed(const std::vector<std::string>& identifiers) override {
+        std::weak_ptr<Bus> weak = weak_from_this();
+        onMain([weak, identifiers] {
+            auto self = weak.lock();
+            if (!self) return;
+            std::vector<guint32> ids;
+            {
+                std::lock_guard lock(self->mutex);
+                for (const auto& identifier : identifiers) {
+                    if (auto it = self->shown.find(identifier); it != self->shown.end()) {
+                        ids.push_back(it->second);
+                        self->requests.erase(it->second);
+                        self->shown.erase(it);
+                    } else if (self->showing.count(identifier)) {
+                        self->closeWhenShown.insert(identifier);
+                    }
+                }
+            }
+            for (guint32 id : ids) self->close(id);
+            self->done();
+        });
+    }
+
+    // On the main context.
+    void close(guint32 id) {
+        GDBusConnection* c = connect();
+        if (!c) return;
+        ++inFlight;
+        g_dbus_connection_call(
+            c, kService, kPath, kInterface, "CloseNotification", g_variant_new("(u)", id), nullptr,
+            G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
+            [](GObject* source, GAsyncResult* result, gpointer data) {
+                std::unique_ptr<CallData> call(static_cast<CallData*>(data));
+                GError* error = nullptr;
+                GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+                if (reply) g_variant_unref(reply);
+                g_clear_error(&error);  // already gone: nothing to do
+                if (auto self = call->bus.lock()) self->done();
+            },
+            new CallData{weak_from_this(), {}});
+        effects->emit("desktopClose", {{"id", id}});
+    }
+
+    // ---- what the user did ----
+
+    static void onSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* member,
+                         GVariant* parameters, gpointer data) {
+        auto self = static_cast<std::weak_ptr<Bus>*>(data)->lock();
+        if (!self) return;
+        const std::string name = member;
+        if (name == "ActionInvoked" && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(us)"))) {
+            guint32 id = 0;
+            const gchar* action = nullptr;
+            g_variant_get(parameters, "(u&s)", &id, &action);
+            self->invoked(id, action);
+        } else if (name == "NotificationClosed" && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(uu)"))) {
+            guint32 id = 0, reason = 0;
+            g_variant_get(parameters, "(uu)", &id, &reason);
+            std::lock_guard lock(self->mutex);
+            // Gone from the screen; the store keeps it delivered, as the phone's list does
+            // until the app removes it.
+            if (auto it = self->requests.find(id); it != self->requests.end()) {
+                self->shown.erase(it->second);
+                self->requests.erase(it);
+            }
+        }
+    }
+
+    void invoked(guint32 id, const std::string& action) {
+        std::function<void(const UNNotificationResponse&)> respond;
+        std::string identifier;
+        {
+            std::lock_guard lock(mutex);
+            auto it = requests.find(id);
+            if (it == requests.end()) return;  // another application's
+            identifier = it->second;
+            respond = handler;
+        }
+        UNNotificationResponse response;
+        response.notification.request.identifier = identifier;
+        if (auto s = store.lock())
+            for (auto& n : s->delivered())
+                if (n.request.identifier == identifier) response.notification = std::move(n);
+        if (action != "default") response.actionIdentifier = action;
+        effects->emit("notificationResponse", {{"identifier", identifier}, {"action", response.actionIdentifier}});
+        if (!respond) {
+            Console::print(std::string(kLabel) + ": no response handler for \"" + identifier + "\"");
+            return;
+        }
+        runLoop->async([respond, response] { respond(response); });
+    }
+
+    // ---- authorisation: the service answering is the permission ----
+
+    using Completion = std::function<void(bool, std::optional<std::string>)>;
+    struct AuthorizationCall {
+        std::weak_ptr<Bus> bus;
+        Completion completion;
+        unsigned options;
+    };
+
+    void authorize(Completion completion, unsigned options) {
+        std::weak_ptr<Bus> weak = weak_from_this();
+        onMain([weak, completion, options] {
+            auto self = weak.lock();
+            if (!self) return;
+            GDBusConnection* c = self->connect();
+            if (!c) {
+                self->answer(completion, options, false, "no session bus", "");
+                return self->done();
+            }
+            g_dbus_connection_call(c, kService, kPath, kInterface, "GetServerInformation", nullptr,
+                                   G_VARIANT_TYPE("(ssss)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
+                                   onServerInformation, new AuthorizationCall{weak, completion, options});
+        });
+    }
+
+    static void onServerInformation(GObject* source, GAsyncResult* result, gpointer data) {
+        std::unique_ptr<AuthorizationCall> call(static_cast<AuthorizationCall*>(data));
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+        const bool answered = reply != nullptr;
+        std::string server, why;
+        if (reply) {
+            const gchar *name = nullptr, *vendor = nullptr, *version = nullptr, *protocol = nullptr;
+            g_variant_get(reply, "(&s&s&s&s)", &name, &vendor, &version, &protocol);
+            server = name;
+            g_variant_unref(reply);
+        } else {
+            why = takeMessage(error);
+        }
+        auto self = call->bus.lock();
+        if (!self) return;
+        self->answer(call->completion, call->options, answered, why, server);
+        self->done();
+    }
+
+    void answer(const Completion& completion, unsigned options, bool granted, const std::string& why,
+                const std::string& server) {
+        {
+            std::lock_guard lock(mutex);
+            status = granted ? UNAuthorizationStatus::authorized : UNAuthorizationStatus::denied;
+        }
+        if (!granted)
+            Console::print(std::string(kLabel) + ": the notification service does not answer (" + why +
+                           "); notifications are not allowed");
+        effects->emit("requestAuthorization", {{"options", options}, {"granted", granted}, {"server", server}});
+        if (!completion) return;
+        // As on the phone: the answer comes off the main thread.
+        auto reply = [completion, granted] { completion(granted, std::nullopt); };
+        if (answers)
+            answers->async(reply);
+        else
+            runLoop->async(reply);
+    }
+};
+
+class BusNotificationCenter final : public UserNotificationCenter {
+public:
+    BusNotificationCenter(std::shared_ptr<HeadlessUserNotificationCenter> store, std::shared_ptr<Effects> effects,
+                          std::shared_ptr<RunLoop> runLoop, std::shared_ptr<SerialQueue> answers)
+        : store_(std::move(store)), bus_(std::make_shared<Bus>(store_, std::move(effects), runLoop, answers)),
+          runLoop_(std::move(runLoop)), answers_(std::move(answers)) {
+        store_->setDeliveryObserver(bus_);
+        std::weak_ptr<Bus> weak = bus_;
+        runLoop_->addBusySource([weak] {
+            auto bus = weak.lock();
+            return bus && bus->inFlight.load() > 0;
+        });
+    }
+    ~BusNotificationCenter() override { store_->setDeliveryObserver(nullptr); }
+    BusNotificationCenter(const BusNotificationCenter&) = delete;
+    BusNotificationCenter& operator=(const BusNotificationCenter&) = delete;
+
+    void requestAuthorization(unsigned options,
+                              std::function<void(bool, std::optional<std::string>)> completion) override {
+        bus_->authorize(std::move(completion), options);
+    }
+    void getNotificationSettings(std::function<void(UNNotificationSettings)> completion) override {
+        if (!completion) return;
+        UNNotificationSettings settings;
+        {
+            std::lock_guard lock(bus_->mutex);
+            settings.authorizationStatus = bus_->status;
+        }
+        auto reply = [completion, settings] { completion(settings); };
+        if (answers_)
+            answers_->async(reply);
+        else
+            runLoop_->async(reply);
+    }
+    void add(UNNotificationRequest request, std::function<void(std::optional<std::string>)> completion) override {
+        store_->add(std::move(request), std::move(completion));
+    }
+    void getPendingNotificationRequests(std::function<void(std::vector<UNNotificationRequest>)> completion) override {
+        store_->getPendingNotificationRequests(std::move(completion));
+    }
+    void removePendingNotificationRequests(const std::vector<std::string>& identifiers) override {
+        store_->removePendingNotificationRequests(identifiers);
+    }
+    void removeAllPendingNotificationRequests() override { store_->removeAllPendingNotificationRequests(); }
+    void getDeliveredNotifications(std::function<void(std::vector<UNNotification>)> completion) override {
+        store_->getDeliveredNotifications(std::move(completion));
+    }
+    void removeDeliveredNotifications(const std::vector<std::string>& identifiers) override {
+        store_->removeDeliveredNotifications(identifiers);
+    }
+    void removeAllDeliveredNotifications() override { store_->removeAllDeliveredNotifications(); }
+    void setNotificationCategories(std::vector<UNNotificationCategory> categories) override {
+        store_->setNotificationCategories(std::move(categories));
+    }
+    void getNotificationCategories(std::function<void(std::vector<UNNotificationCategory>)> completion) override {
+        store_->getNotificationCategories(std::move(completion));
+    }
+    void setResponseHandler(std::function<void(const UNNotificationResponse&)> handler) override {
+        std::lock_guard lock(bus_->mutex);
+        bus_->handler = std::move(handler);
+    }
+
+private:
+    std::shared_ptr<HeadlessUserNotificationCenter> store_;
+    std::shared_ptr<Bus> bus_;
+    std::shared_ptr<RunLoop> runLoop_;
+    std::shared_ptr<SerialQueue> answers_;
+};
+
+}  // namespace
+
+std::shared_ptr<UserNotificationCenter> makeBusNotificationCenter(std::shared_ptr<HeadlessUserNotificationCenter> store,
+                                                                  std::shared_ptr<Effects> effects,
+                                                                  std::shared_ptr<RunLoop> runLoop,
+                                                                  std::shared_ptr<SerialQueue> answers) {
+    return std::make_shared<BusNotificationCenter>(std::move(store), std::move(effects), std::move(runLoop),
+                                                   std::move(answers));
+}
+
+}  // namespace tessrakite::platform::desktop

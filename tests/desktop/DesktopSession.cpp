@@ -1,0 +1,220 @@
+#include "DesktopSession.hpp"
+
+#include <cstdlib>
+#include <fstream>
+#include <future>
+
+namespace tessrakite::test {
+namespace {
+
+std::string takeMessage(GError* error) {
+    std::string message = error && error->message ? error->message : "unknown error";
+    if (error) g_error_free(error);
+    return message;
+}
+
+// A session bus that activates nothing: a missing service stays missing.
+constexpr const char* kBusConfig = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)";
+
+constexpr const char* kIntrospection = R"(<node>
+  <interface name="org.freedesktop.Notifications">
+    <method name="Notify">
+      <arg type="s" direction="in"/><arg type="u" direction="in"/><arg type="s" direction="in"/>
+      <arg type="s" direction="in"/><arg type="s" direction="in"/><arg type="as" direction="in"/>
+      <arg type="a{sv}" direction="in"/><arg type="i" direction="in"/><arg type="u" direction="out"/>
+    </method>
+    <method name="CloseNotification"><arg type="u" direction="in"/></method>
+    <method name="GetCapabilities"><arg type="as" direction="out"/></method>
+    <method name="GetServerInformation">
+      <arg type="s" direction="out"/><arg type="s" direction="out"/><arg type="s" direction="out"/>
+      <arg type="s" direction="out"/>
+    </method>
+    <signal name="ActionInvoked"><arg type="u"/><arg type="s"/></signal>
+    <signal name="NotificationClosed"><arg type="u"/><arg type="u"/></signal>
+  </interface>
+</node>)";
+
+}  // namespace
+
+PrivateBus::PrivateBus(const std::filesystem::path& folder) {
+    const auto config = folder / "session.conf";
+    std::ofstream(config) << kBusConfig;
+    GError* error = nullptr;
+    const std::string configArg = "--config-file=" + config.string();
+    daemon_ = g_subprocess_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE, &error, "dbus-daemon", configArg.c_str(), "--nofork",
+                               "--print-address", nullptr);
+    if (!daemon_) {
+        error_ = "cannot start dbus-daemon (install the dbus-daemon package): " + takeMessage(error);
+        return;
+    }
+    GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon_));
+    gchar* line = g_data_input_stream_read_line(lines, nullptr, nullptr, &error);
+    g_object_unref(lines);
+    if (!line || !*line) {
+        error_ = "dbus-daemon printed no address: " + (error ? takeMessage(error) : std::string("it ended"));
+        g_free(line);
+        return;
+    }
+    address_ = line;
+    g_free(line);
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!daemon_) return;
+    g_subprocess_force_exit(daemon_);
+    g_subprocess_wait(daemon_, nullptr, nullptr);
+    g_object_unref(daemon_);
+}
+
+NotificationServiceStandIn::NotificationServiceStandIn() {
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!address) {
+        error_ = "no session bus";
+        return;
+    }
+    std::promise<std::string> started;
+    auto ready = started.get_future();
+    context_ = g_main_context_new();
+    loop_ = g_main_loop_new(context_, FALSE);
+    thread_ = std::thread([this, a = std::string(address), &started] {
+        g_main_context_push_thread_default(context_);
+        GError* error = nullptr;
+        connection_ = g_dbus_connection_new_for_address_sync(
+            a.c_str(),
+            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, &error);
+        std::string why;
+        if (!connection_) why = "cannot connect: " + takeMessage(error);
+        if (why.empty()) {
+            GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
+            static const GDBusInterfaceVTable vtable = {onMethod, nullptr, nullptr, {}};
+            g_dbus_connection_register_object(connection_, "/org/freedesktop/Notifications", node->interfaces[0],
+                                              &vtable, this, nullptr, &error);
+            g_dbus_node_info_unref(node);
+            GVariant* owned = g_dbus_connection_call_sync(
+                connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+                g_variant_new("(su)", "org.freedesktop.Notifications", 4u /* do not queue */), G_VARIANT_TYPE("(u)"),
+                G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+            guint32 answer = 0;
+            if (owned) {
+                g_variant_get(owned, "(u)", &answer);
+                g_variant_unref(owned);
+            }
+            if (answer != 1) why = "cannot own org.freedesktop.Notifications: " + takeMessage(error);
+        }
+        started.set_value(why);
+        if (why.empty()) g_main_loop_run(loop_);
+        g_main_context_pop_thread_default(context_);
+    });
+    error_ = ready.get();
+}
+
+NotificationServiceStandIn::~NotificationServiceStandIn() {
+    if (!thread_.joinable()) return;
+    g_main_context_invoke(
+        context_,
+        [](gpointer loop) {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return gboolean(G_SOURCE_REMOVE);
+        },
+        loop_);
+    thread_.join();
+    if (connection_) g_object_unref(connection_);
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+}
+
+void NotificationServiceStandIn::onMethod(GDBusConnection* connection, const gchar*, const gchar*, const gchar*,
+                                          const gchar* method, GVariant* parameters,
+                                          GDBusMethodInvocation* invocation, gpointer data) {
+    auto* self = static_cast<NotificationServiceStandIn*>(data);
+    const std::string name = method;
+    Call call;
+    call.method = name;
+    call.at = Clock::now();
+    if (name == "Notify") {
+        const gchar *app = nullptr, *icon = nullptr, *summary = nullptr, *body = nullptr;
+        GVariantIter *actions = nullptr, *hints = nullptr;
+        gint32 timeout = 0;
+        g_variant_get(parameters, "(&su&s&s&sasa{sv}i)", &app, &call.replacesId, &icon, &summary, &body, &actions,
+                      &hints, &timeout);
+        call.appName = app;
+        call.summary = summary;
+        call.body = body;
+        const gchar* action = nullptr;
+        while (g_variant_iter_loop(actions, "&s", &action)) call.actions.emplace_back(action);
+        const gchar* key = nullptr;
+        GVariant* value = nullptr;
+        while (g_variant_iter_loop(hints, "{&sv}", &key, &value))
+            if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING))
+                call.hints[key] = g_variant_get_string(value, nullptr);
+        g_variant_iter_free(actions);
+        g_variant_iter_free(hints);
+        {
+            std::lock_guard lock(self->mutex_);
+            call.id = call.replacesId ? call.replacesId : self->nextId_++;
+            self->calls_.push_back(call);
+        }
+        g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", call.id));
+    } else if (name == "CloseNotification") {
+        g_variant_get(parameters, "(u)", &call.id);
+        {
+            std::lock_guard lock(self->mutex_);
+            self->calls_.push_back(call);
+        }
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+        g_dbus_connection_emit_signal(connection, nullptr, "/org/freedesktop/Notifications",
+                                      "org.freedesktop.Notifications", "NotificationClosed",
+                                      g_variant_new("(uu)", call.id, 3u), nullptr);
+    } else if (name == "GetCapabilities") {
+        const gchar* capabilities[] = {"actions", "body", "body-markup", nullptr};
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(^as)", const_cast<gchar**>(capabilities)));
+    } else {
+        g_dbus_method_invocation_return_value(invocation,
+                                              g_variant_new("(ssss)", "stand-in", "TessraKite tests", "1", "1.2"));
+    }
+}
+
+std::vector<NotificationServiceStandIn::Call> NotificationServiceStandIn::calls(const std::string& method) const {
+    std::lock_guard lock(mutex_);
+    std::vector<Call> out;
+    for (const auto& c : calls_)
+        if (c.method == method) out.push_back(c);
+    return out;
+}
+
+void NotificationServiceStandIn::invokeAction(std::uint32_t id, const std::string& action) {
+    g_dbus_connection_emit_signal(connection_, nullptr, "/org/freedesktop/Notifications",
+                                  "org.freedesktop.Notifications", "ActionInvoked",
+                                  g_variant_new("(us)", id, action.c_str()), nullptr);
+    g_dbus_connection_emit_signal(connection_, nullptr, "/org/freedesktop/Notifications",
+                                  "org.freedesktop.Notifications", "NotificationClosed", g_variant_new("(uu)", id, 2u),
+                                  nullptr);
+}
+
+bool pumpUntil(const std::function<void()>& pump, const std::function<bool()>& done, double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        pump();
+    }
+    return true;
+}
+
+}  // namespace tessrakite::test

@@ -1,0 +1,314 @@
+// The desktop platform against real components the tests start: a private session bus,
+// a notification service on it, and a default URL handler in a private XDG data folder.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Image.hpp>
+#include <tessrakite/platform/desktop/DesktopPlatform.hpp>
+
+#include "DesktopSession.hpp"
+#include "SdkFixture.hpp"
+
+namespace tessrakite {
+namespace {
+
+using nlohmann::ordered_json;
+using platform::UNMutableNotificationContent;
+using test::Answer;
+using Call = test::NotificationServiceStandIn::Call;
+
+class RecordingDelegate : public TessraQuillDelegate {
+public:
+    void handleURL(const Url& url) override {
+        std::lock_guard lock(mutex);
+        urls.push_back(url.absoluteString());
+    }
+    std::vector<std::string> handled() {
+        std::lock_guard lock(mutex);
+        return urls;
+    }
+    std::mutex mutex;
+    std::vector<std::string> urls;
+};
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+class DesktopFixture : public test::SdkFixture {
+protected:
+    void SetUp() override {
+        SdkFixture::SetUp();
+        // Before anything asks GLib for the user's folders: it reads them once.
+        installBrowserStandIn(home->path() / "xdg");
+        bus = std::make_unique<test::PrivateBus>(home->path());
+        ASSERT_EQ(bus->error(), "") << "the desktop stack cannot start";
+        service = std::make_unique<test::NotificationServiceStandIn>();
+        ASSERT_EQ(service->error(), "") << "the notification service stand-in cannot start";
+        desktop = platform::desktop::makeDesktopPlatform(
+            {std::make_shared<platform::SystemClock>(), platform::makeCurlUrlSession(test::trustingTestCa())});
+        headless = desktop.headless;
+        platform::setCurrentPlatform(desktop.platform);
+        centre = desktop.platform->userNotificationCenter;
+        storage().set(StorageKey::push, true);
+        backend->on("GET", "/t/*", Answer::withStatus(204));
+    }
+
+    void TearDown() override {
+        centre.reset();
+        SdkFixture::TearDown();
+        desktop = {};
+        service.reset();
+        bus.reset();
+    }
+
+    // A browser that writes down what it is asked to open.
+    void installBrowserStandIn(const std::filesystem::path& xdg) {
+        const auto apps = xdg / "data" / "applications";
+        std::filesystem::create_directories(apps);
+        std::filesystem::create_directories(xdg / "config");
+        std::filesystem::create_directories(xdg / "system");
+        opened = xdg / "opened.txt";
+        const auto script = xdg / "browser";
+        std::ofstream(script) << "#!/bin/sh\nprintf '%s\\n' \"$1\" >> '" << opened.string() << "'\n";
+        std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+        std::ofstream(apps / "stand-in-browser.desktop")
+            << "[Desktop Entry]\nType=Application\nName=Stand-in browser\nExec=" << script.string()
+            << " %u\nMimeType=x-scheme-handler/http;x-scheme-handler/https;\n";
+        std::ofstream(xdg / "config" / "mimeapps.list")
+            << "[Default Applications]\nx-scheme-handler/http=stand-in-browser.desktop\n"
+               "x-scheme-handler/https=stand-in-browser.desktop\n";
+        ::setenv("XDG_DATA_HOME", (xdg / "data").c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", (xdg / "config").c_str(), 1);
+        ::setenv("XDG_DATA_DIRS", (xdg / "system").c_str(), 1);  // no system handlers
+    }
+
+    void turn() { desktop.platform->runLoop->runFor(0.01); }
+    bool turnUntil(const std::function<bool()>& done, double seconds = 5.0) {
+        return test::pumpUntil([this] { turn(); }, done, seconds);
+    }
+    bool notifyCalls(std::size_t n) {
+        return turnUntil([&] { return service->calls("Notify").size() >= n; });
+    }
+
+    static ordered_json campaign(const ordered_json& message, const std::string& title = "Sale") {
+        return {{"p", ordered_json::array({{{"o", message}, {"t", title}}})}};
+    }
+
+    /// The extension's entry point; as the platform does, the content handed back is
+    /// delivered through the centre from inside the content handler.
+    UNMutableNotificationContent receive(const ordered_json& userInfo, const std::string& id,
+                                         test::NotificationServiceStandIn::Clock::time_point* handedAt = nullptr) {
+        platform::UNNotificationRequest request;
+        request.identifier = id;
+        request.content.userInfo = *PlistValue::fromJSON(userInfo).asDictionary();
+        std::mutex mutex;
+        std::optional<UNMutableNotificationContent> handled;
+        auto centreRef = centre;
+        TessraQuill::didReceiveNotification(request, request.content, [&, request](UNMutableNotificationContent c) mutable {
+            if (handedAt) *handedAt = test::NotificationServiceStandIn::Clock::now();
+            request.content = c;
+            centreRef->add(request, nullptr);
+            std::lock_guard lock(mutex);
+            handled = std::move(c);
+        });
+        pump();
+        std::lock_guard lock(mutex);
+        EXPECT_TRUE(handled) << "the content handler is always called";
+        return handled.value_or(UNMutableNotificationContent{});
+    }
+
+    std::string png() const {
+        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[4 * 4 * 4], std::default_delete<std::uint8_t[]>());
+        std::fill_n(pixels.get(), 4 * 4 * 4, std::uint8_t{200});
+        const auto file = home->path() / "photo.png";
+        EXPECT_FALSE(platform::Image(4, 4, pixels).writePNG(file));
+        return readFile(file);
+    }
+
+    std::unique_ptr<test::PrivateBus> bus;
+    std::unique_ptr<test::NotificationServiceStandIn> service;
+    platform::desktop::Desktop desktop;
+    std::shared_ptr<platform::UserNotificationCenter> centre;
+    std::filesystem::path opened;
+};
+
+using DesktopNotifications = DesktopFixture;
+
+TEST_F(DesktopNotifications, APushWithAnImageAndButtonsIsShownAndItsDeepLinkButtonReachesTheApp) {
+    auto delegate = std::make_shared<RecordingDelegate>();
+    TessraQuill::setTessraDelegate(delegate);
+    // What the app's response callback does on the phone.
+    centre->setResponseHandler(
+        [](const platform::UNNotificationResponse& response) { TessraQuill::pushTrackOpen(true, response, nullptr); });
+    backend->on("GET", "/img/photo.png", Answer::text(png()).header("Content-Type", "image/png"));
+    const ordered_json message = {
+        {"image", backend->httpBase() + "/img/photo.png"},
+        {"body", "Half price & more"},
+        {"data", {{"url", "https://shop.test/sale"}, {"t", {backend->httpBase() + "/t/conversion"}}}},
+        {"actions",
+         {{{"action", "buy"}, {"title", "Buy"}, {"url", "shop://cart"}},
+          {{"action", "later"}, {"title", "Later"}, {"url", "https://shop.test/later"}}}}};
+    const auto content = receive(campaign(message), "push-1");
+    ASSERT_EQ(content.attachments.size(), 1u) << "the image was not attached";
+    ASSERT_TRUE(notifyCalls(1)) << "no Notify reached the notification service";
+
+    Call shown = service->calls("Notify")[0];
+    EXPECT_EQ(shown.appName, "Sample");
+    EXPECT_EQ(shown.summary, "Sale");
+    EXPECT_EQ(shown.body, "Half price &amp; more") << "the service reads markup";
+    EXPECT_EQ(shown.hints["image-path"], content.attachments[0].url);
+    EXPECT_TRUE(std::filesystem::exists(shown.hints["image-path"]));
+    if (content.sound) {
+        EXPECT_FALSE(shown.hints["sound-name"].empty());
+    }
+    // A click on the notification, then the two buttons as the category names them.
+    std::vector<platform::UNNotificationCategory> categories;
+    centre->getNotificationCategories([&](auto c) { categories = std::move(c); });
+    pump();
+    auto category = std::find_if(categories.begin(), categories.end(),
+                                 [&](const auto& c) { return c.identifier == content.categoryIdentifier; });
+    ASSERT_NE(category, categories.end());
+    ASSERT_EQ(category->actions.size(), 2u);
+    EXPECT_EQ(shown.actions, (std::vector<std::string>{"default", "Open", category->actions[0].identifier, "Buy",
+                                                       category->actions[1].identifier, "Later"}));
+
+    service->invokeAction(shown.id, category->actions[0].identifier);
+    EXPECT_TRUE(turnUntil([&] { return !delegate->handled().empty(); })) << "the button never reached the app";
+    turnUntil([&] { return !backend->requestsTo("/t/conversion").empty(); });
+    EXPECT_EQ(delegate->handled(), std::vector<std::string>{"shop://cart"});
+    EXPECT_EQ(backend->requestsTo("/t/conversion").size(), 1u) << "the open was reported";
+}
+
+TEST_F(DesktopNotifications, ANewerMessageOfATagClosesTheEarlierOne) {
+    receive(campaign({{"tag", "sale"}, {"body", "First"}}), "first");
+    ASSERT_TRUE(notifyCalls(1));
+    receive(campaign({{"tag", "sale"}, {"body", "Second"}}), "second");
+    ASSERT_TRUE(notifyCalls(2));
+    ASSERT_TRUE(turnUntil([&] { return !service->calls("CloseNotification").empty(); }))
+        << "the earlier notification stayed on the screen";
+    const auto notified = service->calls("Notify");
+    EXPECT_EQ(service->calls("CloseNotification")[0].id, notified[0].id);
+    EXPECT_NE(notified[1].id, notified[0].id);
+    EXPECT_EQ(notified[1].body, "Second");
+}
+
+TEST_F(DesktopNotifications, PermissionIsGrantedExactlyWhenTheServiceAnswers) {
+    for (const bool running : {true, false}) {
+        SCOPED_TRACE(running ? "service running" : "no service");
+        if (!running) service.reset();
+        // A fresh platform: the answer is not carried over.
+        auto d = platform::desktop::makeDesktopPlatform({std::make_shared<platform::SystemClock>(), nullptr});
+        std::atomic<int> answered{0};
+        std::atomic<bool> granted{!running};
+        d.platform->userNotificationCenter->requestAuthorization(7, [&](bool g, std::optional<std::string>) {
+            granted = g;
+            ++answered;
+        });
+        ASSERT_TRUE(test::pumpUntil([&] { d.platform->runLoop->runFor(0.01); }, [&] { return answered > 0; }));
+        EXPECT_EQ(granted, running);
+        std::optional<platform::UNAuthorizationStatus> status;
+        d.platform->userNotificationCenter->getNotificationSettings(
+            [&](platform::UNNotificationSettings s) { status = s.authorizationStatus; });
+        d.platform->runLoop->runUntilIdle(5);
+        EXPECT_EQ(status, running ? platform::UNAuthorizationStatus::authorized : platform::UNAuthorizationStatus::denied);
+    }
+}
+
+TEST_F(DesktopNotifications, DeliveryReachesTheServiceWithinMilliseconds) {
+    // Direct pushes: no network between the extension and its content handler.
+    constexpr int kRounds = 30;
+    std::vector<double> ms;
+    for (int i = 0; i < kRounds; ++i) {
+        test::NotificationServiceStandIn::Clock::time_point handedAt;
+        receive({{"aps", {{"alert", {{"title", "Hello"}, {"n", {{"body", "Round " + std::to_string(i)}}}}}}}},
+                "round-" + std::to_string(i), &handedAt);
+        ASSERT_TRUE(notifyCalls(static_cast<std::size_t>(i + 1)));
+        ms.push_back(std::chrono::duration<double, std::milli>(service->calls("Notify").back().at - handedAt).count());
+    }
+    const double first = ms.front();
+    std::sort(ms.begin() + 1, ms.end());
+    const double median = ms[kRounds / 2], p90 = ms[kRounds * 9 / 10], max = ms.back();
+    std::cout << "content handler -> Notify on the bus: first " << first << " ms (connects), then median " << median
+              << " ms, p90 " << p90 << " ms, max " << max << " ms\n";
+    RecordProperty("median_ms", std::to_string(median));
+    EXPECT_LT(median, 50.0) << "a notification should appear without a noticeable delay";
+}
+
+using DesktopMainLoop = DesktopFixture;
+
+TEST_F(DesktopMainLoop, AHostRunningTheGLibLoopGetsMainQueueWorkAndTimedNotifications) {
+    const auto start = test::NotificationServiceStandIn::Clock::now();
+    platform::UNNotificationRequest reminder;
+    reminder.identifier = "reminder";
+    reminder.content.title = "Come back";
+    reminder.trigger = platform::UNTimeIntervalNotificationTrigger{0.3, false};
+    centre->add(reminder, nullptr);
+    std::atomic<bool> ran{false};
+    std::thread worker([&] { platform::RunLoop::main().async([&] { ran = true; }); });
+
+    // The host's own loop, and nothing else: no RunLoop pumping.
+    struct Watch {
+        GMainLoop* loop;
+        std::atomic<bool>* ran;
+        test::NotificationServiceStandIn* service;
+    } watch{g_main_loop_new(nullptr, FALSE), &ran, service.get()};
+    const guint poll = g_timeout_add(
+        10,
+        [](gpointer data) {
+            auto* w = static_cast<Watch*>(data);
+            if (*w->ran && !w->service->calls("Notify").empty()) g_main_loop_quit(w->loop);
+            return gboolean(G_SOURCE_CONTINUE);
+        },
+        &watch);
+    const guint guard = g_timeout_add_seconds(
+        5,
+        [](gpointer loop) {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return gboolean(G_SOURCE_REMOVE);
+        },
+        watch.loop);
+    g_main_loop_run(watch.loop);
+    g_source_remove(poll);
+    g_source_remove(guard);
+    g_main_loop_unref(watch.loop);
+    worker.join();
+
+    EXPECT_TRUE(ran) << "work posted from another thread never ran under the GLib loop";
+    const auto notified = service->calls("Notify");
+    ASSERT_EQ(notified.size(), 1u) << "the time-interval request did not fire under the GLib loop";
+    EXPECT_EQ(notified[0].summary, "Come back");
+    EXPECT_GE(notified[0].at - start, std::chrono::milliseconds(290)) << "fired before its time";
+}
+
+using DesktopApplication = DesktopFixture;
+
+TEST_F(DesktopApplication, AWebLinkOpensInTheDefaultBrowserOtherSchemesStayWithTheApp) {
+    auto& application = *desktop.platform->application;
+    std::atomic<int> answers{0};
+    std::atomic<bool> webOpened{false};
+    application.open(*Url::parse("https://shop.test/sale?from=desktop"), [&](bool ok) {
+        webOpened = ok;
+        ++answers;
+    });
+    ASSERT_TRUE(turnUntil([&] { return answers == 1 && readFile(opened).find('\n') != std::string::npos; }))
+        << "the default browser stand-in never ran";
+    EXPECT_TRUE(webOpened);
+    EXPECT_EQ(readFile(opened), "https://shop.test/sale?from=desktop\n");
+
+    application.open(*Url::parse("shop://cart"), [&](bool) { ++answers; });
+    ASSERT_TRUE(turnUntil([&] { return answers == 2; }));
+    EXPECT_EQ(readFile(opened), "https://shop.test/sale?from=desktop\n") << "a custom scheme reached the browser";
+    EXPECT_EQ(headless.application->openedURLs(), std::vector<std::string>{"shop://cart"});
+}
+
+}  // namespace
+}  // namespace tessrakite
