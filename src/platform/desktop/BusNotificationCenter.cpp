@@ -62,6 +62,11 @@ struct CallData {
     std::string identifier;
 };
 
+struct PendingNotify {
+    std::weak_ptr<Bus> bus;
+    UNNotificationRequest request;
+};
+
 /// The connection and the map between the service's ids and request identifiers. Every
 /// bus call is made on the default main context, so replies and signals arrive there.
 struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus> {
@@ -126,31 +131,31 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
         return connection;
     }
 
-    // Asked once per connection and before the first notification, so its body is right.
-    bool readsMarkup(GDBusConnection* c) {
-        {
-            std::lock_guard lock(mutex);
-            if (markup) return *markup;
-        }
+    // Whether the service reads body markup, asked once before the first notification so
+    // its body is right. Asked without waiting: a service that hangs must not hold up the
+    // main loop; the notification goes out when the answer (or the time-out) comes.
+    static void onCapabilities(GObject* source, GAsyncResult* result, gpointer data) {
+        std::unique_ptr<PendingNotify> pending(static_cast<PendingNotify*>(data));
         GError* error = nullptr;
-        GVariant* reply = g_dbus_connection_call_sync(c, kService, kPath, kInterface, "GetCapabilities", nullptr,
-                                                      G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
-                                                      nullptr, &error);
-        if (!reply) {
-            g_clear_error(&error);
-            return false;
-        }
+        GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
         bool found = false;
-        GVariantIter* capabilities = nullptr;
-        g_variant_get(reply, "(as)", &capabilities);
-        const gchar* capability = nullptr;
-        while (g_variant_iter_loop(capabilities, "&s", &capability))
-            if (std::string(capability) == "body-markup") found = true;
-        g_variant_iter_free(capabilities);
-        g_variant_unref(reply);
-        std::lock_guard lock(mutex);
-        markup = found;
-        return found;
+        if (reply) {
+            GVariantIter* capabilities = nullptr;
+            g_variant_get(reply, "(as)", &capabilities);
+            const gchar* capability = nullptr;
+            while (g_variant_iter_loop(capabilities, "&s", &capability))
+                if (std::string(capability) == "body-markup") found = true;
+            g_variant_iter_free(capabilities);
+            g_variant_unref(reply);
+        }
+        g_clear_error(&error);
+        auto self = pending->bus.lock();
+        if (!self) return;
+        {
+            std::lock_guard lock(self->mutex);
+            if (!self->markup) self->markup = found;
+        }
+        self->notify(pending->request);
     }
 
     // Work for the main context, counted as in flight until `done` is called.
@@ -172,7 +177,18 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
     void notify(const UNNotificationRequest& request) {
         GDBusConnection* c = connect();
         if (!c) return done();
-        const bool markupBody = readsMarkup(c);
+        std::optional<bool> knownMarkup;
+        {
+            std::lock_guard lock(mutex);
+            knownMarkup = markup;
+        }
+        if (!knownMarkup) {
+            g_dbus_connection_call(c, kService, kPath, kInterface, "GetCapabilities", nullptr, G_VARIANT_TYPE("(as)"),
+                                   G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, onCapabilities,
+                                   new PendingNotify{weak_from_this(), request});
+            return;
+        }
+        const bool markupBody = *knownMarkup;
         const auto& content = request.content;
 
         GVariantBuilder actions;
