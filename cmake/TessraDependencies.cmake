@@ -11,9 +11,11 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 # Cairo and pango draw the view tree into PNG snapshots; only the renderer includes them.
 pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET cairo pangocairo)
-# The desktop platform talks to the session bus and runs on the GLib main loop (GIO).
+# The desktop platform talks to the session bus and runs on the GLib main loop (GIO); its
+# web views are WebKitGTK in GTK 3 windows.
 if(TESSRA_DESKTOP_PLATFORM)
   pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0)
+  pkg_check_modules(DESKTOP_WEB REQUIRED IMPORTED_TARGET webkit2gtk-4.1 gtk+-3.0)
 endif()
 
 # cpp-httplib (Debian's build, compiled against OpenSSL, zlib and brotli) serves the sandbox

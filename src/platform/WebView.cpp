@@ -54,6 +54,12 @@ std::shared_ptr<ScriptMessageHandler> UserContentController::handler(const std::
     return it == handlers_.end() ? nullptr : it->second;
 }
 
+std::vector<std::string> UserContentController::handlerNames() const {
+    std::vector<std::string> names;
+    for (const auto& entry : handlers_) names.push_back(entry.first);
+    return names;
+}
+
 WebView::WebView(Rect frame, WebViewConfiguration configuration)
     : View(frame), configuration_(std::move(configuration)), scrollView_(std::make_shared<View>(bounds())) {
     if (!configuration_.preferences) configuration_.preferences = std::make_shared<WebPreferences>();
@@ -61,6 +67,8 @@ WebView::WebView(Rect frame, WebViewConfiguration configuration)
         configuration_.userContentController = std::make_shared<UserContentController>();
     addSubview(scrollView_);
     if (auto o = observer()) o->webViewCreated(*this);
+    if (auto platform = currentPlatform(); platform && platform->makeWebViewEngine)
+        engine_ = platform->makeWebViewEngine(*this);
 }
 
 WebView::~WebView() = default;
@@ -70,6 +78,7 @@ void WebView::loadHTMLString(const std::string& html, const std::optional<Url>& 
     baseURL_ = baseURL;
     ++loads_;
     if (auto o = observer()) o->webViewLoadedHTML(*this, html, baseURL);
+    if (engine_) engine_->load(html, baseURL);
 }
 
 bool WebView::receiveScriptMessage(const std::string& name, nlohmann::ordered_json body) {

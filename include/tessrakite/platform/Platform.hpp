@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include <tessrakite/Export.hpp>
@@ -16,6 +17,8 @@
 namespace tessrakite::platform {
 
 class Window;
+class WebView;
+class WebViewEngine;
 class WebViewObserver;
 
 /// The operating-system services the SDK uses. A host may replace the process-wide
@@ -33,6 +36,9 @@ struct TESSRA_EXPORT Platform {
     std::shared_ptr<Device> device;
     std::shared_ptr<Window> keyWindow;  // the application's key window; none for an extension
     std::shared_ptr<WebViewObserver> webViewObserver;  // told what web views load; may be none
+    /// Makes the browser engine of each new web view; none (the headless platform): web
+    /// views only record what they load.
+    std::function<std::unique_ptr<WebViewEngine>(WebView&)> makeWebViewEngine;
 
     MainQueue& mainQueue() const { return *runLoop; }
 };

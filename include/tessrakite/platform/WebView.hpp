@@ -64,6 +64,8 @@ public:
     void addScriptMessageHandler(std::shared_ptr<ScriptMessageHandler> handler, const std::string& name);
     void removeScriptMessageHandler(const std::string& name);
     std::shared_ptr<ScriptMessageHandler> handler(const std::string& name) const;
+    /// The channels that have a handler, by name.
+    std::vector<std::string> handlerNames() const;
 
 private:
     std::vector<UserScript> scripts_;
@@ -97,6 +99,18 @@ public:
     virtual void webViewCreated(const WebView& /*webView*/) {}
     virtual void webViewLoadedHTML(const WebView& /*webView*/, const std::string& /*html*/,
                                    const std::optional<Url>& /*baseURL*/) {}
+};
+
+/// The browser engine behind one web view. The headless platform has none; a platform with
+/// a real engine makes one for each web view (Platform::makeWebViewEngine) and the web view
+/// hands it every load. The engine lives as long as its web view and belongs to the main
+/// queue; what the page posts comes back through WebView::receiveScriptMessage.
+class TESSRA_EXPORT WebViewEngine {
+public:
+    virtual ~WebViewEngine() = default;
+    /// Shows `html` with the web view's configuration as it is now (its user scripts and
+    /// the channels that have handlers by then).
+    virtual void load(const std::string& html, const std::optional<Url>& baseURL) = 0;
 };
 
 /// A web view. The headless one runs no engine: it keeps what it was asked to load, tells
@@ -134,6 +148,7 @@ private:
     std::optional<std::string> html_;
     std::optional<Url> baseURL_;
     std::size_t loads_ = 0;
+    std::unique_ptr<WebViewEngine> engine_;  // none on the headless platform
 };
 
 }  // namespace tessrakite::platform

@@ -102,6 +102,7 @@ Desktop makeDesktopPlatform(headless::HeadlessOptions options) {
     d.platform->userNotificationCenter =
         makeBusNotificationCenter(d.headless.userNotificationCenter, d.headless.effects, base.runLoop, base.utilityQueue);
     d.platform->application = makeDesktopApplication(d.headless.application, d.headless.effects, base.runLoop);
+    d.webViews = installWebViewWindows(*d.platform);
     return d;
 }
 

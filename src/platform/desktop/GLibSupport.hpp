@@ -34,4 +34,8 @@ std::shared_ptr<Application> makeDesktopApplication(std::shared_ptr<headless::He
                                                     std::shared_ptr<headless::Effects> effects,
                                                     std::shared_ptr<RunLoop> runLoop);
 
+class WebViewWindows;
+/// Gives `platform` web views that run WebKitGTK in windows of their own.
+std::shared_ptr<WebViewWindows> installWebViewWindows(Platform& platform);
+
 }  // namespace tessrakite::platform::desktop

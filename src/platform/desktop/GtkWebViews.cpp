@@ -1,0 +1,205 @@
+// Web views on the desktop: WebKitGTK in a transparent, undecorated window over the host's.
+#include <list>
+#include <set>
+
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
+#include <tessrakite/platform/Console.hpp>
+#include <tessrakite/platform/WebView.hpp>
+#include <tessrakite/platform/Window.hpp>
+#include <tessrakite/platform/desktop/DesktopPlatform.hpp>
+
+#include "platform/desktop/GLibSupport.hpp"
+
+namespace tessrakite::platform::desktop {
+namespace {
+
+/// Whether GTK has a display; asked once, as GTK can only be set up once.
+bool haveDisplay() {
+    static const bool opened = [] {
+        if (gtk_init_check(nullptr, nullptr)) return true;
+        Console::print("Web views show nothing: GTK cannot open a display (DISPLAY unset or unreachable)");
+        return false;
+    }();
+    return opened;
+}
+
+class Windows final : public WebViewWindows {
+public:
+    ~Windows() override {
+        if (host_) g_object_remove_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
+        if (context_) g_object_unref(context_);
+    }
+
+    void setHostWindow(GtkWindow* window) override {
+        if (host_) g_object_remove_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
+        host_ = window;
+        // A host that closes its window before us leaves nothing dangling here.
+        if (host_) g_object_add_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
+    }
+
+    bool allowTlsCertificateForHost(const std::string& certificateFile, const std::string& host) override {
+        GError* error = nullptr;
+        GTlsCertificate* certificate = g_tls_certificate_new_from_file(certificateFile.c_str(), &error);
+        if (!certificate) {
+            Console::print("Cannot read the certificate " + certificateFile + ": " + takeMessage(error));
+            return false;
+        }
+        webkit_web_context_allow_tls_certificate_for_host(context(), certificate, host.c_str());
+        g_object_unref(certificate);
+        return true;
+    }
+
+    GtkWindow* host() const { return host_; }
+
+    WebKitWebContext* context() {
+        // Ephemeral: a prompt page keeps no cookies or caches on disk.
+        if (!context_) context_ = webkit_web_context_new_ephemeral();
+        return context_;
+    }
+
+private:
+    GtkWindow* host_ = nullptr;
+    WebKitWebContext* context_ = nullptr;
+};
+
+class GtkEngine final : public WebViewEngine {
+public:
+    GtkEngine(WebView& view, std::shared_ptr<Windows> windows) : view_(view), windows_(std::move(windows)) {}
+
+    ~GtkEngine() override {
+        if (content_) {
+            g_signal_handlers_disconnect_by_data(content_, this);
+            g_object_unref(content_);
+        }
+        // Closing the window ends the page: nothing it posts after this reaches the view.
+        if (window_) gtk_widget_destroy(window_);
+    }
+
+    void load(const std::string& html, const std::optional<Url>& baseURL) override {
+        if (!webView_) create();
+        configure();
+        const std::string base = baseURL ? baseURL->absoluteString() : std::string();
+        webkit_web_view_load_html(webView_, html.c_str(), baseURL ? base.c_str() : nullptr);
+        place();
+        gtk_widget_show_all(window_);
+    }
+
+private:
+    struct Channel {
+        GtkEngine* engine;
+        std::string name;
+    };
+
+    void create() {
+        if (!content_) content_ = webkit_user_content_manager_new();
+        webView_ = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", windows_->context(),
+                                                "user-content-manager", content_, nullptr));
+        window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+        GtkWindow* window = GTK_WINDOW(window_);
+        gtk_window_set_decorated(window, FALSE);
+        gtk_window_set_skip_taskbar_hint(window, TRUE);
+        gtk_window_set_title(window, "TessraKite");
+        // See-through where the page draws nothing, where the screen can blend.
+        if (GdkVisual* rgba = gdk_screen_get_rgba_visual(gtk_widget_get_screen(window_)))
+            gtk_widget_set_visual(window_, rgba);
+        gtk_widget_set_app_paintable(window_, TRUE);
+        gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(webView_));
+        // The user closing the window (or the window manager) forgets it here.
+        g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer self) {
+                             auto* engine = static_cast<GtkEngine*>(self);
+                             engine->window_ = nullptr;
+                             engine->webView_ = nullptr;
+                         }),
+                         this);
+    }
+
+    /// The configuration as it is at this load: handlers are often added after the view is made.
+    void configure() {
+        const auto& configuration = view_.configuration();
+        WebKitSettings* settings = webkit_web_view_get_settings(webView_);
+        webkit_settings_set_enable_javascript(settings, configuration.preferences->javaScriptEnabled);
+        webkit_settings_set_javascript_can_open_windows_automatically(
+            settings, configuration.preferences->javaScriptCanOpenWindowsAutomatically);
+        const GdkRGBA clear = {0, 0, 0, 0}, white = {1, 1, 1, 1};
+        webkit_web_view_set_background_color(webView_, view_.isOpaque ? &white : &clear);
+
+        auto& controller = *configuration.userContentController;
+        webkit_user_content_manager_remove_all_scripts(content_);
+        for (const auto& s : controller.userScripts()) {
+            WebKitUserScript* script = webkit_user_script_new(
+                s.source.c_str(),
+                s.forMainFrameOnly ? WEBKIT_USER_CONTENT_INJECT_TOP_FRAME : WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+                s.injectionTime == UserScriptInjectionTime::atDocumentStart ? WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START
+                                                                             : WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_END,
+                nullptr, nullptr);
+            webkit_user_content_manager_add_script(content_, script);
+            webkit_user_script_unref(script);
+        }
+        for (const auto& name : controller.handlerNames()) {
+            if (registered_.count(name)) continue;
+            registered_.insert(name);
+            auto& channel = channels_.emplace_back(Channel{this, name});
+            const std::string signal = "script-message-received::" + name;
+            g_signal_connect_data(content_, signal.c_str(), G_CALLBACK(onMessage), &channel, nullptr, GConnectFlags{});
+            webkit_user_content_manager_register_script_message_handler(content_, name.c_str());
+        }
+    }
+
+    static void onMessage(WebKitUserContentManager*, WebKitJavascriptResult* result, gpointer data) {
+        auto& channel = *static_cast<Channel*>(data);
+        JSCValue* value = webkit_javascript_result_get_js_value(result);
+        nlohmann::ordered_json body;
+        if (jsc_value_is_string(value)) {
+            gchar* text = jsc_value_to_string(value);
+            body = std::string(text ? text : "");
+            g_free(text);
+        } else {
+            gchar* json = jsc_value_to_json(value, 0);
+            body = json ? nlohmann::ordered_json::parse(json, nullptr, false) : nlohmann::ordered_json();
+            if (body.is_discarded()) body = nullptr;
+            g_free(json);
+        }
+        // As the headless view's injected messages: the handler runs later, on the main queue.
+        channel.engine->view_.receiveScriptMessage(channel.name, std::move(body));
+    }
+
+    /// Over the host's window when there is one, else the size of the SDK's window.
+    void place() {
+        GtkWindow* window = GTK_WINDOW(window_);
+        if (GtkWindow* host = windows_->host()) {
+            gtk_window_set_transient_for(window, host);
+            gint x = 0, y = 0, width = 0, height = 0;
+            gtk_window_get_position(host, &x, &y);
+            gtk_window_get_size(host, &width, &height);
+            gtk_window_move(window, x, y);
+            gtk_window_resize(window, width, height);
+            return;
+        }
+        Rect frame = view_.window() ? view_.window()->bounds() : view_.frame;
+        if (frame.width < 1 || frame.height < 1) frame = {0, 0, 400, 700};
+        gtk_window_resize(window, static_cast<gint>(frame.width), static_cast<gint>(frame.height));
+    }
+
+    WebView& view_;
+    std::shared_ptr<Windows> windows_;
+    GtkWidget* window_ = nullptr;
+    WebKitWebView* webView_ = nullptr;
+    WebKitUserContentManager* content_ = nullptr;
+    std::set<std::string> registered_;
+    std::list<Channel> channels_;  // signal data: addresses must not move
+};
+
+}  // namespace
+
+std::shared_ptr<WebViewWindows> installWebViewWindows(Platform& platform) {
+    auto windows = std::make_shared<Windows>();
+    platform.makeWebViewEngine = [windows](WebView& view) -> std::unique_ptr<WebViewEngine> {
+        if (!haveDisplay()) return nullptr;
+        return std::make_unique<GtkEngine>(view, windows);
+    };
+    return windows;
+}
+
+}  // namespace tessrakite::platform::desktop
