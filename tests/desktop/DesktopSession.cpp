@@ -48,6 +48,42 @@ constexpr const char* kIntrospection = R"(<node>
 
 }  // namespace
 
+std::string ensureDisplay() {
+    struct VirtualDisplay {
+        GSubprocess* server = nullptr;
+        std::string error;
+        VirtualDisplay() {
+            if (std::getenv("DISPLAY") && *std::getenv("DISPLAY")) return;
+            GError* failure = nullptr;
+            // -displayfd: the server picks a free display and says which once it accepts clients.
+            server = g_subprocess_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_SILENCE), &failure,
+                                      "Xvfb", "-displayfd", "1", "-screen", "0", "1280x1024x24", "-nolisten", "tcp",
+                                      nullptr);
+            if (!server) {
+                error = "no DISPLAY and Xvfb cannot start (install the xvfb package): " + takeMessage(failure);
+                return;
+            }
+            GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(server));
+            gchar* line = g_data_input_stream_read_line(lines, nullptr, nullptr, &failure);
+            g_object_unref(lines);
+            if (!line || !*line) {
+                error = "Xvfb named no display: " + (failure ? takeMessage(failure) : std::string("it ended"));
+            } else {
+                ::setenv("DISPLAY", (std::string(":") + line).c_str(), 1);
+            }
+            g_free(line);
+        }
+        ~VirtualDisplay() {
+            if (!server) return;
+            g_subprocess_force_exit(server);
+            g_subprocess_wait(server, nullptr, nullptr);
+            g_object_unref(server);
+        }
+    };
+    static VirtualDisplay display;
+    return display.error;
+}
+
 PrivateBus::PrivateBus(const std::filesystem::path& folder) {
     const auto config = folder / "session.conf";
     std::ofstream(config) << kBusConfig;

@@ -74,6 +74,11 @@ private:
     std::thread thread_;
 };
 
+/// A display for windows: DISPLAY when it is set, else an Xvfb this process starts once and
+/// keeps until it exits (GTK opens one display per process). Empty when there is one, else
+/// why there is none.
+std::string ensureDisplay();
+
 /// Runs `pump` until `done` holds or `seconds` pass; true when it held.
 bool pumpUntil(const std::function<void()>& pump, const std::function<bool()>& done, double seconds = 5.0);
 

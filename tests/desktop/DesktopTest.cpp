@@ -9,11 +9,18 @@
 #include <mutex>
 #include <thread>
 
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/platform/Image.hpp>
+#include <tessrakite/platform/ViewController.hpp>
+#include <tessrakite/platform/Window.hpp>
 #include <tessrakite/platform/desktop/DesktopPlatform.hpp>
 
+#include "ChildProcess.hpp"
 #include "DesktopSession.hpp"
+#include "notification_ui/CustomPromt.hpp"
 #include "SdkFixture.hpp"
 
 namespace tessrakite {
@@ -308,6 +315,77 @@ TEST_F(DesktopApplication, AWebLinkOpensInTheDefaultBrowserOtherSchemesStayWithT
     ASSERT_TRUE(turnUntil([&] { return answers == 2; }));
     EXPECT_EQ(readFile(opened), "https://shop.test/sale?from=desktop\n") << "a custom scheme reached the browser";
     EXPECT_EQ(headless.application->openedURLs(), std::vector<std::string>{"shop://cart"});
+}
+
+class DesktopPrompt : public DesktopFixture {
+protected:
+    void SetUp() override {
+        // No GPU in a virtual display: the engine draws in software.
+        ::setenv("WEBKIT_DISABLE_DMABUF_RENDERER", "1", 0);
+        ::setenv("LIBGL_ALWAYS_SOFTWARE", "1", 0);
+        ::setenv("NO_AT_BRIDGE", "1", 0);  // no accessibility bus on the private session bus
+        const auto display = test::ensureDisplay();
+        ASSERT_EQ(display, "") << "the prompt's window needs a display";
+        DesktopFixture::SetUp();
+        // The engine's network process reads the system's GSettings schemas (proxy settings).
+        ::setenv("XDG_DATA_DIRS", "/usr/local/share:/usr/share", 1);
+    }
+    void TearDown() override {
+        detail::setShouldPresentCustomPromt(false);
+        ::unsetenv("TESSRA_WEB_HOST");
+        DesktopFixture::TearDown();
+    }
+
+    /// The shown top-level window that holds a web view, if any.
+    static WebKitWebView* pageView() {
+        WebKitWebView* found = nullptr;
+        GList* windows = gtk_window_list_toplevels();
+        for (GList* w = windows; w; w = w->next) {
+            GtkWidget* child = gtk_bin_get_child(GTK_BIN(w->data));
+            if (child && WEBKIT_IS_WEB_VIEW(child) && gtk_widget_get_visible(GTK_WIDGET(w->data)))
+                found = WEBKIT_WEB_VIEW(child);
+        }
+        g_list_free(windows);
+        return found;
+    }
+};
+
+TEST_F(DesktopPrompt, AllowOnTheSandboxPromptInWebKitPostsOkClosesTheWindowAndRegisters) {
+    test::Sandbox sandbox;
+    ASSERT_TRUE(sandbox.ready()) << "tessra-sandbox did not start";
+    ::setenv("TESSRA_WEB_HOST", sandbox.exported("TESSRA_WEB_HOST").c_str(), 1);
+    ASSERT_TRUE(desktop.webViews->allowTlsCertificateForHost((sandbox.state() / "ca" / "server.pem").string(),
+                                                             "127.0.0.1"));
+    storage().set(StorageKey::autoconf,
+                  std::string(R"({"push_config":{"enabled":true,"prompts":[{"id":"p1","options":{"delay":0}}]}})"));
+    auto screen = std::make_shared<platform::ViewController>();
+    headless.window->setRootViewController(screen);
+    detail::setShouldPresentCustomPromt(true);
+
+    TessraQuill::askForNotificationPermissionWith(screen);
+    ASSERT_TRUE(turnUntil([] { return pageView() != nullptr; }, 10)) << "no window shows the prompt page";
+    WebKitWebView* view = pageView();
+    GtkWindow* window = GTK_WINDOW(gtk_widget_get_toplevel(GTK_WIDGET(view)));
+    EXPECT_FALSE(gtk_window_get_decorated(window));
+    int width = 0, height = 0;
+    gtk_window_get_size(window, &width, &height);
+    EXPECT_EQ(width, static_cast<int>(headless.window->bounds().width)) << "the page covers the app's window";
+    ASSERT_TRUE(turnUntil([&] { return !webkit_web_view_is_loading(view); }, 10)) << "the page never loaded";
+
+    // The user taps Allow once the sandbox's card shows; the page also logs through the bridge.
+    webkit_web_view_evaluate_javascript(
+        view,
+        "console.log('card', 1, {k: [2]});"
+        "var t = setInterval(function () { var b = document.getElementById('tx-prompt-allow');"
+        " if (b) { clearInterval(t); b.click(); } }, 50);",
+        -1, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const auto application = desktop.platform->application;
+    EXPECT_TRUE(turnUntil([&] { return application->isRegisteredForRemoteNotifications(); }, 20))
+        << "\"pns.ok\" never reached the app; console: " << testing::PrintToString(console->lines());
+    EXPECT_EQ(screen->presentedViewController(), nullptr) << "the prompt stayed presented";
+    EXPECT_TRUE(turnUntil([] { return pageView() == nullptr; })) << "the prompt's window stayed open";
+    EXPECT_TRUE(console->contains(R"(📗 JS log: card, 1, {"k":[2]})"))
+        << testing::PrintToString(console->lines());
 }
 
 }  // namespace
