@@ -101,10 +101,13 @@ private:
         gtk_window_set_decorated(window, FALSE);
         gtk_window_set_skip_taskbar_hint(window, TRUE);
         gtk_window_set_title(window, "TessraKite");
-        // See-through where the page draws nothing, where the screen can blend.
-        if (GdkVisual* rgba = gdk_screen_get_rgba_visual(gtk_widget_get_screen(window_)))
+        // See-through where the page draws nothing, when a compositor blends windows;
+        // without one an alpha window shows black, so it keeps the theme's background.
+        GdkScreen* screen = gtk_widget_get_screen(window_);
+        if (GdkVisual* rgba = gdk_screen_get_rgba_visual(screen); rgba && gdk_screen_is_composited(screen)) {
             gtk_widget_set_visual(window_, rgba);
-        gtk_widget_set_app_paintable(window_, TRUE);
+            gtk_widget_set_app_paintable(window_, TRUE);
+        }
         gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(webView_));
         // The user closing the window (or the window manager) forgets it here.
         g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer self) {
