@@ -363,22 +363,22 @@ TEST_F(DesktopPrompt, AllowOnTheSandboxPromptInWebKitPostsOkClosesTheWindowAndRe
     detail::setShouldPresentCustomPromt(true);
 
     TessraQuill::askForNotificationPermissionWith(screen);
-    ASSERT_TRUE(turnUntil([] { return pageView() != nullptr; }, 10)) << "no window shows the prompt page";
+    ASSERT_TRUE(turnUntil([] { return pageView() != nullptr; }, 10))
+        << "no window shows the prompt page; console: " << testing::PrintToString(console->lines());
     WebKitWebView* view = pageView();
     GtkWindow* window = GTK_WINDOW(gtk_widget_get_toplevel(GTK_WIDGET(view)));
     EXPECT_FALSE(gtk_window_get_decorated(window));
     int width = 0, height = 0;
     gtk_window_get_size(window, &width, &height);
     EXPECT_EQ(width, static_cast<int>(headless.window->bounds().width)) << "the page covers the app's window";
-    ASSERT_TRUE(turnUntil([&] { return !webkit_web_view_is_loading(view); }, 10)) << "the page never loaded";
+    // The sandbox's script draws its card and says so through the console bridge.
+    ASSERT_TRUE(turnUntil([&] { return console->contains("📗 JS log: tessra prompt shown: p1"); }, 15))
+        << "the sandbox's prompt never showed; console: " << testing::PrintToString(console->lines());
 
-    // The user taps Allow once the sandbox's card shows; the page also logs through the bridge.
+    // The user taps Allow; the page also logs through the console.
     webkit_web_view_evaluate_javascript(
-        view,
-        "console.log('card', 1, {k: [2]});"
-        "var t = setInterval(function () { var b = document.getElementById('tx-prompt-allow');"
-        " if (b) { clearInterval(t); b.click(); } }, 50);",
-        -1, nullptr, nullptr, nullptr, nullptr, nullptr);
+        view, "console.log('card', 1, {k: [2]}); document.getElementById('tx-prompt-allow').click();", -1,
+        nullptr, nullptr, nullptr, nullptr, nullptr);
     const auto application = desktop.platform->application;
     EXPECT_TRUE(turnUntil([&] { return application->isRegisteredForRemoteNotifications(); }, 20))
         << "\"pns.ok\" never reached the app; console: " << testing::PrintToString(console->lines());
