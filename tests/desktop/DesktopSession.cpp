@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <optional>
+#include <string>
 
 namespace tessrakite::test {
 namespace {
@@ -46,6 +48,30 @@ constexpr const char* kIntrospection = R"(<node>
   </interface>
 </node>)";
 
+/// The first line a started server prints: the display or bus address it chose. Nothing,
+/// with `error` set, when it printed none.
+std::optional<std::string> firstLine(GSubprocess* process, const std::string& who, std::string& error) {
+    GError* failure = nullptr;
+    GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(process));
+    gchar* line = g_data_input_stream_read_line(lines, nullptr, nullptr, &failure);
+    g_object_unref(lines);
+    std::optional<std::string> out;
+    if (!line || !*line)
+        error = who + (failure ? takeMessage(failure) : std::string("it ended"));
+    else
+        out = line;
+    g_free(line);
+    return out;
+}
+
+/// Ends a server the tests started.
+void stop(GSubprocess* process) {
+    if (!process) return;
+    g_subprocess_force_exit(process);
+    g_subprocess_wait(process, nullptr, nullptr);
+    g_object_unref(process);
+}
+
 }  // namespace
 
 std::string ensureDisplay() {
@@ -63,22 +89,10 @@ std::string ensureDisplay() {
                 error = "no DISPLAY and Xvfb cannot start (install the xvfb package): " + takeMessage(failure);
                 return;
             }
-            GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(server));
-            gchar* line = g_data_input_stream_read_line(lines, nullptr, nullptr, &failure);
-            g_object_unref(lines);
-            if (!line || !*line) {
-                error = "Xvfb named no display: " + (failure ? takeMessage(failure) : std::string("it ended"));
-            } else {
-                ::setenv("DISPLAY", (std::string(":") + line).c_str(), 1);
-            }
-            g_free(line);
+            if (auto display = firstLine(server, "Xvfb named no display: ", error))
+                ::setenv("DISPLAY", (":" + *display).c_str(), 1);
         }
-        ~VirtualDisplay() {
-            if (!server) return;
-            g_subprocess_force_exit(server);
-            g_subprocess_wait(server, nullptr, nullptr);
-            g_object_unref(server);
-        }
+        ~VirtualDisplay() { stop(server); }
     };
     static VirtualDisplay display;
     return display.error;
@@ -95,25 +109,15 @@ PrivateBus::PrivateBus(const std::filesystem::path& folder) {
         error_ = "cannot start dbus-daemon (install the dbus-daemon package): " + takeMessage(error);
         return;
     }
-    GDataInputStream* lines = g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon_));
-    gchar* line = g_data_input_stream_read_line(lines, nullptr, nullptr, &error);
-    g_object_unref(lines);
-    if (!line || !*line) {
-        error_ = "dbus-daemon printed no address: " + (error ? takeMessage(error) : std::string("it ended"));
-        g_free(line);
-        return;
-    }
-    address_ = line;
-    g_free(line);
+    auto address = firstLine(daemon_, "dbus-daemon printed no address: ", error_);
+    if (!address) return;
+    address_ = *address;
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
     ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    if (!daemon_) return;
-    g_subprocess_force_exit(daemon_);
-    g_subprocess_wait(daemon_, nullptr, nullptr);
-    g_object_unref(daemon_);
+    stop(daemon_);
 }
 
 NotificationServiceStandIn::NotificationServiceStandIn() {
