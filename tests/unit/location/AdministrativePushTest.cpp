@@ -9,7 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <tessrakite/core/DecodingError.hpp>
 #include <tessrakite/core/StorageKey.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/location/Beacons.hpp>
@@ -115,13 +114,6 @@ TEST(BeaconFromPush, MistypedOptionalsReadAsAbsent) {
               Json::parse(R"({"id": "b", "ib": "i"})"));
     EXPECT_EQ(Json(B::init(dictionary(R"({"id": "b", "ib": "i", "major": 1, "minor": 2, "distance": 30})"))),
               Json::parse(R"({"id": "b", "ib": "i", "major": 1, "minor": 2, "distance": 30})"));
-}
-
-TEST(LocationRecordCoding, ListsAreRequiredAndRadiusComesFromR) {
-    auto geofences = Json::parse(R"({"gl": [{"c": ["1"], "r": 40, "id": "g"}]})").get<Geofences>();
-    EXPECT_EQ(geofences.gl.at(0).r, 40);
-    EXPECT_THROW((void)Json::parse("{}").get<Geofences>(), DecodingError);
-    EXPECT_THROW((void)Json::parse(R"({"bl": [{"id": "b"}]})").get<Beacons>(), DecodingError);
 }
 
 TEST_F(AdministrativePushTest, MalformedPushesStopTheProcess) {
