@@ -16,6 +16,10 @@ pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET cairo pangocairo)
 if(TESSRA_DESKTOP_PLATFORM)
   pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0)
   pkg_check_modules(DESKTOP_WEB REQUIRED IMPORTED_TARGET webkit2gtk-4.1 gtk+-3.0)
+  # The desktop tests click with XTest: input the X server itself delivers, as a mouse's.
+  if(TESSRA_BUILD_TESTS)
+    pkg_check_modules(XTEST REQUIRED IMPORTED_TARGET x11 xtst)
+  endif()
 endif()
 
 # cpp-httplib (Debian's build, compiled against OpenSSL, zlib and brotli) serves the sandbox

@@ -165,7 +165,7 @@ void trustSandbox() {
     const std::string authority = env("TESSRA_CA_BUNDLE");
     if (authority.empty() || env("TESSRA_WEB_HOST").rfind("127.0.0.1:", 0) != 0) return;
     const auto server = std::filesystem::path(authority).parent_path() / "server.pem";
-    if (std::filesystem::exists(server)) app->desktop.webViews->allowTlsCertificateForHost(server.string(), "127.0.0.1");
+    if (std::filesystem::exists(server)) app->desktop.windows->allowTlsCertificateForHost(server.string(), "127.0.0.1");
 }
 
 gboolean writeScreenshot(gpointer file) {
@@ -209,7 +209,7 @@ int main(int argc, char** argv) {
         [](const platform::UNNotificationResponse& response) { TessraQuill::pushTrackOpen(true, response, nullptr); });
 
     buildWindow();
-    state.desktop.webViews->setHostWindow(GTK_WINDOW(state.window));
+    state.desktop.windows->setHostWindow(GTK_WINDOW(state.window));
     trustSandbox();
     if (screenshot) {
         start();

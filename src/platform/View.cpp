@@ -7,6 +7,7 @@
 #include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/Window.hpp>
 
+#include "platform/Nesting.hpp"
 #include "platform/TextMeasure.hpp"
 #include "platform/TypeName.hpp"
 
@@ -371,6 +372,27 @@ bool View::tap() {
             fired = true;
         }
     return fired;
+}
+
+namespace {
+View* hitIn(View& view, Point point, int depth) {
+    // Deeper trees are not drawn either (the renderer stops at the same depth).
+    if (depth > nesting::kMaxDepth || view.isHidden || !view.isUserInteractionEnabled || view.alpha < 0.01)
+        return nullptr;
+    if (point.x < 0 || point.y < 0 || point.x >= view.frame.width || point.y >= view.frame.height) return nullptr;
+    const auto& children = view.subviews();
+    for (auto it = children.rbegin(); it != children.rend(); ++it)
+        if (View* hit = hitIn(**it, {point.x - (*it)->frame.x, point.y - (*it)->frame.y}, depth + 1)) return hit;
+    return &view;
+}
+}  // namespace
+
+View* View::hitTest(Point point) { return hitIn(*this, point, 0); }
+
+bool View::tapAt(Point point) {
+    for (View* v = hitTest(point); v; v = v->superview_)
+        if (v->tap()) return true;
+    return false;
 }
 
 // ---- Image views, labels, buttons ----

@@ -15,6 +15,7 @@
 
 #include "platform/Nesting.hpp"
 #include "platform/TextMeasure.hpp"
+#include "platform/ViewDrawing.hpp"
 
 namespace tessrakite::platform {
 
@@ -248,5 +249,63 @@ std::optional<std::string> renderPNG(View& view, const std::filesystem::path& pa
 }
 
 nlohmann::ordered_json toJSON(const View& view) { return treeOf(view, 0); }
+
+void drawView(cairo_t* cr, View& view) {
+    view.layoutIfNeeded();
+    draw(cr, view, true, 0);
+}
+
+namespace {
+/// FNV-1a over the bytes of each value mixed in.
+struct Digest {
+    std::uint64_t value = 1469598103934665603ull;
+    void bytes(const void* data, std::size_t size) {
+        const auto* p = static_cast<const unsigned char*>(data);
+        for (std::size_t i = 0; i < size; ++i) value = (value ^ p[i]) * 1099511628211ull;
+    }
+    template <typename T>
+    void add(const T& v) {
+        bytes(&v, sizeof v);
+    }
+    void add(const std::string& s) {
+        add(s.size());
+        bytes(s.data(), s.size());
+    }
+    void add(const Color& c) {
+        add(c.red), add(c.green), add(c.blue), add(c.alpha);
+    }
+};
+
+void digest(Digest& d, const View& view, int depth) {
+    d.add(view.isHidden);
+    if (view.isHidden || depth > nesting::kMaxDepth) return;
+    d.add(view.frame.x), d.add(view.frame.y), d.add(view.frame.width), d.add(view.frame.height);
+    d.add(view.alpha), d.add(view.cornerRadius), d.add(view.borderWidth), d.add(view.clipsToBounds);
+    d.add(view.borderColor);
+    d.add(view.backgroundColor.has_value());
+    if (view.backgroundColor) d.add(*view.backgroundColor);
+    // An image is immutable: a new frame of an animation is a new image.
+    if (const auto* imageView = dynamic_cast<const ImageView*>(&view)) {
+        d.add(imageView->image.get());
+        d.add(view.contentMode);
+    } else if (const auto* label = dynamic_cast<const Label*>(&view)) {
+        d.add(label->text), d.add(label->fontSize), d.add(label->textColor), d.add(label->numberOfLines);
+        d.add(label->textAlignment);
+    } else if (const auto* textView = dynamic_cast<const TextView*>(&view)) {
+        d.add(textView->text), d.add(textView->fontSize), d.add(textView->textColor), d.add(textView->textAlignment);
+    } else if (const auto* button = dynamic_cast<const Button*>(&view)) {
+        d.add(button->title), d.add(button->fontSize), d.add(button->titleColor), d.add(button->isEnabled);
+        d.add(button->image.get());
+    }
+    d.add(view.subviews().size());
+    for (const auto& child : view.subviews()) digest(d, *child, depth + 1);
+}
+}  // namespace
+
+std::uint64_t drawnState(const View& view) {
+    Digest d;
+    digest(d, view, 0);
+    return d.value;
+}
 
 }  // namespace tessrakite::platform

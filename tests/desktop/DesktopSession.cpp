@@ -146,6 +146,10 @@ NotificationServiceStandIn::NotificationServiceStandIn() {
             g_dbus_connection_register_object(connection_, "/org/freedesktop/Notifications", node->interfaces[0],
                                               &vtable, this, nullptr, &error);
             g_dbus_node_info_unref(node);
+            // A dock's view of the launcher entry: its count arrives as a broadcast signal.
+            g_dbus_connection_signal_subscribe(connection_, nullptr, "com.canonical.Unity.LauncherEntry", "Update",
+                                               nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onLauncherUpdate, this,
+                                               nullptr);
             GVariant* owned = g_dbus_connection_call_sync(
                 connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
                 g_variant_new("(su)", "org.freedesktop.Notifications", 4u /* do not queue */), G_VARIANT_TYPE("(u)"),
@@ -229,6 +233,29 @@ void NotificationServiceStandIn::onMethod(GDBusConnection* connection, const gch
         g_dbus_method_invocation_return_value(invocation,
                                               g_variant_new("(ssss)", "stand-in", "TessraKite tests", "1", "1.2"));
     }
+}
+
+void NotificationServiceStandIn::onLauncherUpdate(GDBusConnection*, const gchar*, const gchar* path, const gchar*,
+                                                  const gchar*, GVariant* parameters, gpointer data) {
+    auto* self = static_cast<NotificationServiceStandIn*>(data);
+    Call call;
+    call.method = "LauncherEntry.Update";
+    call.at = Clock::now();
+    call.hints["path"] = path;
+    const gchar* app = nullptr;
+    GVariantIter* properties = nullptr;
+    g_variant_get(parameters, "(&sa{sv})", &app, &properties);
+    call.appName = app;
+    const gchar* key = nullptr;
+    GVariant* value = nullptr;
+    while (g_variant_iter_loop(properties, "{&sv}", &key, &value)) {
+        gchar* text = g_variant_print(value, FALSE);
+        call.hints[key] = text;
+        g_free(text);
+    }
+    g_variant_iter_free(properties);
+    std::lock_guard lock(self->mutex_);
+    self->calls_.push_back(call);
 }
 
 std::vector<NotificationServiceStandIn::Call> NotificationServiceStandIn::calls(const std::string& method) const {

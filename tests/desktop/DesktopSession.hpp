@@ -34,7 +34,9 @@ private:
 
 /// A notification service on the session bus, run on a thread of its own: it answers
 /// Notify (ids from 1), CloseNotification, GetServerInformation and GetCapabilities
-/// ("actions", "body", "body-markup"), records each call, and emits ActionInvoked.
+/// ("actions", "body", "body-markup"), records each call, and emits ActionInvoked. It also
+/// listens to launcher-entry counts, as a dock does ("LauncherEntry.Update": the app in
+/// appName, the object path and each property's printed value in hints).
 class NotificationServiceStandIn {
 public:
     using Clock = std::chrono::steady_clock;
@@ -63,6 +65,8 @@ private:
     void run(std::string address);
     static void onMethod(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
                          GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self);
+    static void onLauncherUpdate(GDBusConnection*, const gchar*, const gchar* path, const gchar*, const gchar*,
+                                 GVariant* parameters, gpointer self);
 
     mutable std::mutex mutex_;
     std::vector<Call> calls_;

@@ -8,10 +8,15 @@
 #include <mutex>
 #include <thread>
 
+#include <X11/extensions/XTest.h>
+#include <gdk/gdkx.h>
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
+#include <tessrakite/ads/InterstitialAD.hpp>
+#include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
+#include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Image.hpp>
 #include <tessrakite/platform/ViewController.hpp>
 #include <tessrakite/platform/Window.hpp>
@@ -21,6 +26,7 @@
 #include "DesktopSession.hpp"
 #include "notification_ui/CustomPromt.hpp"
 #include "SdkFixture.hpp"
+#include "TestEnv.hpp"
 
 namespace tessrakite {
 namespace {
@@ -294,6 +300,27 @@ TEST_F(DesktopApplication, AWebLinkOpensInTheDefaultBrowserOtherSchemesStayWithT
     EXPECT_EQ(headless.application->openedURLs(), std::vector<std::string>{"shop://cart"});
 }
 
+TEST_F(DesktopApplication, TheBadgeIsShownAsTheLauncherEntrysCount) {
+    auto& application = *desktop.platform->application;
+    const std::string app = "application://" + platform::Bundle::main()->bundleIdentifier().value_or("?") + ".desktop";
+    struct Case {
+        std::int64_t badge;
+        std::string count, visible;
+    };
+    for (const auto& c : std::vector<Case>{{3, "3", "true"}, {0, "0", "false"}}) {
+        SCOPED_TRACE(c.badge);
+        const auto before = service->calls("LauncherEntry.Update").size();
+        application.setApplicationIconBadgeNumber(c.badge);
+        ASSERT_TRUE(turnUntil([&] { return service->calls("LauncherEntry.Update").size() > before; }))
+            << "no launcher-entry count on the bus; console: " << testing::PrintToString(console->lines());
+        auto update = service->calls("LauncherEntry.Update").back();
+        EXPECT_EQ(update.appName, app);
+        EXPECT_EQ(update.hints["count"], c.count);
+        EXPECT_EQ(update.hints["count-visible"], c.visible);
+        EXPECT_EQ(application.applicationIconBadgeNumber(), c.badge);
+    }
+}
+
 class DesktopPrompt : public DesktopFixture {
 protected:
     void SetUp() override {
@@ -331,7 +358,7 @@ TEST_F(DesktopPrompt, AllowOnTheSandboxPromptInWebKitPostsOkClosesTheWindowAndRe
     test::Sandbox sandbox;
     ASSERT_TRUE(sandbox.ready()) << "tessra-sandbox did not start";
     ::setenv("TESSRA_WEB_HOST", sandbox.exported("TESSRA_WEB_HOST").c_str(), 1);
-    ASSERT_TRUE(desktop.webViews->allowTlsCertificateForHost((sandbox.state() / "ca" / "server.pem").string(),
+    ASSERT_TRUE(desktop.windows->allowTlsCertificateForHost((sandbox.state() / "ca" / "server.pem").string(),
                                                              "127.0.0.1"));
     storage().set(StorageKey::autoconf,
                   std::string(R"({"push_config":{"enabled":true,"prompts":[{"id":"p1","options":{"delay":0}}]}})"));
@@ -363,6 +390,146 @@ TEST_F(DesktopPrompt, AllowOnTheSandboxPromptInWebKitPostsOkClosesTheWindowAndRe
     EXPECT_TRUE(turnUntil([] { return pageView() == nullptr; })) << "the prompt's window stayed open";
     EXPECT_TRUE(console->contains(R"(📗 JS log: card, 1, {"k":[2]})"))
         << testing::PrintToString(console->lines());
+}
+
+class DesktopScreens : public DesktopFixture {
+protected:
+    void SetUp() override {
+        const auto display = test::ensureDisplay();
+        ASSERT_EQ(display, "") << "the ad's window needs a display";
+        ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "GTK cannot open the display";
+        DesktopFixture::SetUp();
+        test::installMainBundle(home->path(), "com.example.sample", {{"TessraQuillTrackID", PlistValue("track-1")}});
+        ::setenv("TESSRA_AD_HOST", backend->httpHost().c_str(), 1);
+        ::setenv("TESSRA_AD_DEMO_PAGE", "https://ads.test/demo", 1);
+        host = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+        gtk_window_set_default_size(GTK_WINDOW(host), 360, 640);
+        gtk_widget_show_all(host);
+        desktop.windows->setHostWindow(GTK_WINDOW(host));
+        headless.window->setRootViewController(std::make_shared<platform::ViewController>());
+    }
+    void TearDown() override {
+        if (host) gtk_widget_destroy(host);
+        ::unsetenv("TESSRA_AD_HOST");
+        ::unsetenv("TESSRA_AD_DEMO_PAGE");
+        DesktopFixture::TearDown();
+    }
+
+    /// A solid `width` x `height` PNG of one colour.
+    std::string solidPng(int width, int height, std::array<std::uint8_t, 3> rgb) const {
+        const auto count = static_cast<std::size_t>(width * height);
+        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[count * 4], std::default_delete<std::uint8_t[]>());
+        for (std::size_t i = 0; i < count; ++i)
+            std::copy(rgb.begin(), rgb.end(), pixels.get() + 4 * i), pixels.get()[4 * i + 3] = 255;
+        const auto file = home->path() / "creative.png";
+        EXPECT_FALSE(platform::Image(width, height, pixels).writePNG(file));
+        return readFile(file);
+    }
+
+    /// The shown window that draws the SDK's presented screens, if any.
+    static GtkWidget* screenArea() {
+        GtkWidget* found = nullptr;
+        GList* windows = gtk_window_list_toplevels();
+        for (GList* w = windows; w; w = w->next) {
+            GtkWidget* child = gtk_bin_get_child(GTK_BIN(w->data));
+            if (child && GTK_IS_DRAWING_AREA(child) && gtk_widget_get_mapped(GTK_WIDGET(w->data))) found = child;
+        }
+        g_list_free(windows);
+        return found;
+    }
+
+    /// The colour on the display at `point` of `area`, as the X server has it.
+    static std::array<int, 3> pixelAt(GtkWidget* area, platform::Point point) {
+        GdkPixbuf* shot = gdk_pixbuf_get_from_window(gtk_widget_get_window(area), static_cast<int>(point.x),
+                                                     static_cast<int>(point.y), 1, 1);
+        if (!shot) return {-1, -1, -1};
+        const guchar* p = gdk_pixbuf_get_pixels(shot);
+        std::array<int, 3> rgb{p[0], p[1], p[2]};
+        g_object_unref(shot);
+        return rgb;
+    }
+
+    /// A press and release of the first mouse button at `point` of `area`, through the X server.
+    static void click(GtkWidget* area, platform::Point point) {
+        gint x = 0, y = 0;
+        gdk_window_get_origin(gtk_widget_get_window(area), &x, &y);
+        Display* display = GDK_DISPLAY_XDISPLAY(gtk_widget_get_display(area));
+        XTestFakeMotionEvent(display, -1, x + static_cast<int>(point.x), y + static_cast<int>(point.y), CurrentTime);
+        XTestFakeButtonEvent(display, 1, True, CurrentTime);
+        XTestFakeButtonEvent(display, 1, False, CurrentTime);
+        XFlush(display);
+    }
+
+    static platform::Point centre(const platform::View& view) {
+        const auto r = view.convertToRoot(view.bounds());
+        return {r.x + r.width / 2, r.y + r.height / 2};
+    }
+
+    GtkWidget* host = nullptr;
+};
+
+struct Closed : InterstitialDelegate {
+    void interstitialClosed(InterstitialAD&) override { closed = true; }
+    bool closed = false;
+};
+
+TEST_F(DesktopScreens, AnInterstitialFillsTheAppsWindowWithItsCreativeAndTakesRealClicks) {
+    backend->on("GET", "/img/creative.png", Answer::text(solidPng(40, 30, {255, 0, 0})).header("Content-Type", "image/png"));
+    backend->on("GET", "/v1/display/track-1",
+                Answer::json(ordered_json{{"items", {{{"md", {{"title", "Red"}, {"img", backend->httpBase() + "/img/creative.png"}}}}}},
+                                          {"session_id", "s-1"}}
+                                 .dump()));
+    TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).mavo().analytics(false).build());
+    ASSERT_TRUE(turnUntil([] { return TessraQuill::initialized(); }));
+    auto ad = InterstitialAD::create("Mobile_Interstitial");
+    auto delegate = std::make_shared<Closed>();
+    ad->setInterstitialDelegate(delegate);
+    auto controller = ad->interstitialController;
+    auto image = controller->iti->imageView();
+    ASSERT_TRUE(turnUntil([&] { return image->image != nullptr; })) << "the creative never arrived; console: " << testing::PrintToString(console->lines());
+    controller->isReady = true;
+    ad->showAd();
+    EXPECT_EQ(headless.screen->bounds(), (platform::Rect{0, 0, 360, 640})) << "the ad measures the app's window";
+    ASSERT_TRUE(turnUntil([] { return screenArea() != nullptr; })) << "no window shows the interstitial";
+    GtkWidget* area = screenArea();
+    EXPECT_FALSE(gtk_window_get_decorated(GTK_WINDOW(gtk_widget_get_toplevel(area))));
+    EXPECT_EQ(gtk_widget_get_allocated_width(area), 360);
+
+    // Where the layout puts them: the creative over the top half, the close button over it
+    // (white at 60% on red), the title's black panel below.
+    headless.window->layoutIfNeeded();
+    const auto button = controller->closeButton();
+    const auto buttonFrame = button->convertToRoot(button->bounds());
+    struct Spot {
+        const char* what;
+        platform::Point at;
+        std::array<int, 3> rgb;
+    };
+    const std::vector<Spot> spots = {
+        {"creative", centre(*image), {255, 0, 0}},
+        {"close button", {buttonFrame.x + 3, buttonFrame.y + 3}, {255, 153, 153}},
+        {"title panel", {350, 630}, {0, 0, 0}},
+    };
+    auto near = [](std::array<int, 3> a, std::array<int, 3> b) {
+        for (int i = 0; i < 3; ++i)
+            if (std::abs(a[i] - b[i]) > 3) return false;
+        return true;
+    };
+    ASSERT_TRUE(turnUntil([&] { return near(pixelAt(area, spots[0].at), spots[0].rgb); }))
+        << "the creative was never drawn; at its centre: " << testing::PrintToString(pixelAt(area, spots[0].at));
+    for (const auto& spot : spots) {
+        SCOPED_TRACE(spot.what);
+        EXPECT_PRED2(near, pixelAt(area, spot.at), spot.rgb);
+    }
+
+    // A click on the creative opens the ad's page in the browser; one on X closes the ad.
+    click(area, centre(*image));
+    EXPECT_TRUE(turnUntil([&] { return readFile(opened) == "https://ads.test/demo\n"; }))
+        << "the click on the creative opened nothing; browser got: " << readFile(opened);
+    click(area, centre(*button));
+    EXPECT_TRUE(turnUntil([&] { return delegate->closed && screenArea() == nullptr; }))
+        << "the close button did not close the ad and its window";
+    EXPECT_EQ(headless.window->rootViewController()->presentedViewController(), nullptr);
 }
 
 }  // namespace

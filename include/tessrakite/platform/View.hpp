@@ -202,6 +202,13 @@ public:
     /// A tap on this view: fires its enabled recognisers when it can receive touches.
     /// True when something fired.
     virtual bool tap();
+    /// The deepest view under `point` (in this view's bounds) that can take a touch: shown,
+    /// opaque enough, taking touches; the topmost child first. None when the point is
+    /// outside or nothing there takes touches.
+    View* hitTest(Point point);
+    /// A tap at `point`, as a finger would make it: the view hit gets it, and when nothing
+    /// on it fires, its superviews in turn. True when something fired.
+    bool tapAt(Point point);
 
     /// The dynamic type's name without namespaces ("Label", "BannerView").
     std::string typeName() const;

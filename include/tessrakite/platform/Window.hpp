@@ -37,6 +37,7 @@ public:
     using TransitionObserver =
         std::function<void(const std::string& name, const ViewController& controller, bool animated)>;
     void setTransitionObserver(TransitionObserver observer) { observer_ = std::move(observer); }
+    const TransitionObserver& transitionObserver() const { return observer_; }
 
     void layoutSubviews() override;
 

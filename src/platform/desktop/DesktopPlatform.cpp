@@ -1,16 +1,94 @@
 #include <tessrakite/platform/desktop/DesktopPlatform.hpp>
 
 #include <atomic>
+#include <optional>
+#include <utility>
 
+#include <tessrakite/platform/Bundle.hpp>
 #include <tessrakite/platform/Console.hpp>
 
 #include "platform/desktop/GLibSupport.hpp"
+#include "platform/desktop/GtkWindows.hpp"
 
 namespace tessrakite::platform::desktop {
 namespace {
 
 using headless::Effects;
 using headless::HeadlessApplication;
+
+/// The badge as the launcher entry's count: the "Update" signal of
+/// com.canonical.Unity.LauncherEntry, which docks and panels that show counts listen for
+/// (and nothing else minds). The app is "application://<bundle identifier>.desktop", the
+/// name its desktop file has. Main context only; the bus is reached without waiting and
+/// only the newest count goes out once it is there.
+class LauncherEntry : public std::enable_shared_from_this<LauncherEntry> {
+public:
+    ~LauncherEntry() {
+        if (bus_) g_object_unref(bus_);
+    }
+
+    void publish(std::int64_t count) {
+        pending_ = count;
+        if (bus_) {
+            flush();
+            return;
+        }
+        if (connecting_ || failed_) return;
+        GError* error = nullptr;
+        gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+        if (!address) return fail(takeMessage(error));
+        connecting_ = true;
+        // A connection of our own: the shared one would end the process if the bus went away.
+        g_dbus_connection_new_for_address(
+            address,
+            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr,
+            [](GObject*, GAsyncResult* result, gpointer data) {
+                std::unique_ptr<std::weak_ptr<LauncherEntry>> weak(static_cast<std::weak_ptr<LauncherEntry>*>(data));
+                GError* e = nullptr;
+                GDBusConnection* bus = g_dbus_connection_new_for_address_finish(result, &e);
+                auto self = weak->lock();
+                if (!self) {
+                    if (bus) g_object_unref(bus);
+                    if (e) g_error_free(e);
+                    return;
+                }
+                self->connecting_ = false;
+                if (!bus) return self->fail(takeMessage(e));
+                self->bus_ = bus;
+                self->flush();
+            },
+            new std::weak_ptr<LauncherEntry>(weak_from_this()));
+        g_free(address);
+    }
+
+private:
+    void fail(const std::string& why) {
+        failed_ = true;
+        Console::print("The badge is not shown on the launcher: no session bus (" + why + ")");
+    }
+
+    void flush() {
+        if (!pending_) return;
+        const std::int64_t count = *std::exchange(pending_, std::nullopt);
+        const auto identifier = Bundle::main() ? Bundle::main()->bundleIdentifier() : std::nullopt;
+        const std::string app = "application://" + identifier.value_or(g_get_prgname() ? g_get_prgname() : "tessrakite") + ".desktop";
+        const std::string path = "/com/canonical/unity/launcherentry/" + std::to_string(g_str_hash(app.c_str()));
+        GVariantBuilder properties;
+        g_variant_builder_init(&properties, G_VARIANT_TYPE("a{sv}"));
+        g_variant_builder_add(&properties, "{sv}", "count", g_variant_new_int64(count));
+        g_variant_builder_add(&properties, "{sv}", "count-visible", g_variant_new_boolean(count > 0));
+        GError* error = nullptr;
+        if (!g_dbus_connection_emit_signal(bus_, nullptr, path.c_str(), "com.canonical.Unity.LauncherEntry", "Update",
+                                           g_variant_new("(sa{sv})", app.c_str(), &properties), &error))
+            Console::print("The badge is not shown on the launcher: " + takeMessage(error));
+    }
+
+    GDBusConnection* bus_ = nullptr;
+    bool connecting_ = false, failed_ = false;
+    std::optional<std::int64_t> pending_;
+};
 
 class DesktopApplication final : public Application {
 public:
@@ -33,8 +111,7 @@ public:
     void setApplicationIconBadgeNumber(std::int64_t value) override {
         // The count is kept, so the SDK's badge arithmetic goes on as on the phone.
         inner_->setApplicationIconBadgeNumber(value);
-        if (!badgeToldOnce_.exchange(true))
-            Console::print("The desktop has no application badge; the count is kept but not shown");
+        onMainContext([launcher = launcher_, value] { launcher->publish(value); });
     }
 
     bool canOpenURL(const Url& url) const override { return inner_->canOpenURL(url); }
@@ -82,7 +159,7 @@ private:
     std::shared_ptr<Effects> effects_;
     std::shared_ptr<RunLoop> runLoop_;
     std::shared_ptr<std::atomic<int>> launching_;  // launches not yet answered
-    std::atomic<bool> badgeToldOnce_{false};
+    std::shared_ptr<LauncherEntry> launcher_ = std::make_shared<LauncherEntry>();
 };
 
 }  // namespace
@@ -93,6 +170,25 @@ std::shared_ptr<Application> makeDesktopApplication(std::shared_ptr<HeadlessAppl
     return std::make_shared<DesktopApplication>(std::move(inner), std::move(effects), std::move(runLoop));
 }
 
+namespace {
+class Windows final : public DesktopWindows {
+public:
+    Windows(Platform& platform, const headless::Headless& h)
+        : host_(std::make_shared<HostWindow>()), webViews_(installWebViewWindows(platform, host_)),
+          screens_(installScreenWindows(h, host_)) {}
+    void setHostWindow(GtkWindow* window) override { host_->set(window); }
+    bool allowTlsCertificateForHost(const std::string& certificateFile, const std::string& host) override {
+        return webViews_->allowTlsCertificateForHost(certificateFile, host);
+    }
+    GtkWidget* makeViewWidget(std::shared_ptr<View> view) override { return screens_->makeViewWidget(std::move(view)); }
+
+private:
+    std::shared_ptr<HostWindow> host_;
+    std::shared_ptr<WebViewSupport> webViews_;
+    std::shared_ptr<ScreenSupport> screens_;
+};
+}  // namespace
+
 Desktop makeDesktopPlatform(headless::HeadlessOptions options) {
     Desktop d;
     d.headless = headless::makeHeadlessPlatform(std::move(options));
@@ -102,7 +198,7 @@ Desktop makeDesktopPlatform(headless::HeadlessOptions options) {
     d.platform->userNotificationCenter =
         makeBusNotificationCenter(d.headless.userNotificationCenter, d.headless.effects, base.runLoop, base.utilityQueue);
     d.platform->application = makeDesktopApplication(d.headless.application, d.headless.effects, base.runLoop);
-    d.webViews = installWebViewWindows(*d.platform);
+    d.windows = std::make_shared<Windows>(*d.platform, d.headless);
     return d;
 }
 

@@ -29,13 +29,9 @@ std::shared_ptr<UserNotificationCenter> makeBusNotificationCenter(
     std::shared_ptr<RunLoop> runLoop, std::shared_ptr<SerialQueue> answers);
 
 /// The headless application with web links opened by the desktop's default handler and a
-/// badge that has nowhere to show.
+/// badge that goes out as the launcher entry's count.
 std::shared_ptr<Application> makeDesktopApplication(std::shared_ptr<headless::HeadlessApplication> inner,
                                                     std::shared_ptr<headless::Effects> effects,
                                                     std::shared_ptr<RunLoop> runLoop);
-
-class WebViewWindows;
-/// Gives `platform` web views that run WebKitGTK in windows of their own.
-std::shared_ptr<WebViewWindows> installWebViewWindows(Platform& platform);
 
 }  // namespace tessrakite::platform::desktop

@@ -2,41 +2,23 @@
 #include <list>
 #include <set>
 
-#include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/WebView.hpp>
 #include <tessrakite/platform/Window.hpp>
-#include <tessrakite/platform/desktop/DesktopPlatform.hpp>
 
 #include "platform/desktop/GLibSupport.hpp"
+#include "platform/desktop/GtkWindows.hpp"
 
 namespace tessrakite::platform::desktop {
 namespace {
 
-/// Whether GTK has a display; asked once, as GTK can only be set up once.
-bool haveDisplay() {
-    static const bool opened = [] {
-        if (gtk_init_check(nullptr, nullptr)) return true;
-        Console::print("Web views show nothing: GTK cannot open a display (DISPLAY unset or unreachable)");
-        return false;
-    }();
-    return opened;
-}
-
-class Windows final : public WebViewWindows {
+class Windows final : public WebViewSupport {
 public:
+    explicit Windows(std::shared_ptr<HostWindow> host) : host_(std::move(host)) {}
     ~Windows() override {
-        if (host_) g_object_remove_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
         if (context_) g_object_unref(context_);
-    }
-
-    void setHostWindow(GtkWindow* window) override {
-        if (host_) g_object_remove_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
-        host_ = window;
-        // A host that closes its window before us leaves nothing dangling here.
-        if (host_) g_object_add_weak_pointer(G_OBJECT(host_), reinterpret_cast<gpointer*>(&host_));
     }
 
     bool allowTlsCertificateForHost(const std::string& certificateFile, const std::string& host) override {
@@ -51,7 +33,7 @@ public:
         return true;
     }
 
-    GtkWindow* host() const { return host_; }
+    const HostWindow& host() const { return *host_; }
 
     WebKitWebContext* context() {
         // Ephemeral: a prompt page keeps no cookies or caches on disk.
@@ -60,7 +42,7 @@ public:
     }
 
 private:
-    GtkWindow* host_ = nullptr;
+    std::shared_ptr<HostWindow> host_;
     WebKitWebContext* context_ = nullptr;
 };
 
@@ -97,17 +79,7 @@ private:
         webView_ = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", windows_->context(),
                                                 "user-content-manager", content_, nullptr));
         window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-        GtkWindow* window = GTK_WINDOW(window_);
-        gtk_window_set_decorated(window, FALSE);
-        gtk_window_set_skip_taskbar_hint(window, TRUE);
-        gtk_window_set_title(window, "TessraKite");
-        // See-through where the page draws nothing, when a compositor blends windows;
-        // without one an alpha window shows black, so it keeps the theme's background.
-        GdkScreen* screen = gtk_widget_get_screen(window_);
-        if (GdkVisual* rgba = gdk_screen_get_rgba_visual(screen); rgba && gdk_screen_is_composited(screen)) {
-            gtk_widget_set_visual(window_, rgba);
-            gtk_widget_set_app_paintable(window_, TRUE);
-        }
+        makeOverlay(GTK_WINDOW(window_));
         gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(webView_));
         // The user closing the window (or the window manager) forgets it here.
         g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer self) {
@@ -170,19 +142,7 @@ private:
 
     /// Over the host's window when there is one, else the size of the SDK's window.
     void place() {
-        GtkWindow* window = GTK_WINDOW(window_);
-        if (GtkWindow* host = windows_->host()) {
-            gtk_window_set_transient_for(window, host);
-            gint x = 0, y = 0, width = 0, height = 0;
-            gtk_window_get_position(host, &x, &y);
-            gtk_window_get_size(host, &width, &height);
-            gtk_window_move(window, x, y);
-            gtk_window_resize(window, width, height);
-            return;
-        }
-        Rect frame = view_.window() ? view_.window()->bounds() : view_.frame;
-        if (frame.width < 1 || frame.height < 1) frame = {0, 0, 400, 700};
-        gtk_window_resize(window, static_cast<gint>(frame.width), static_cast<gint>(frame.height));
+        windows_->host().cover(GTK_WINDOW(window_), view_.window() ? view_.window()->bounds() : view_.frame);
     }
 
     WebView& view_;
@@ -196,8 +156,8 @@ private:
 
 }  // namespace
 
-std::shared_ptr<WebViewWindows> installWebViewWindows(Platform& platform) {
-    auto windows = std::make_shared<Windows>();
+std::shared_ptr<WebViewSupport> installWebViewWindows(Platform& platform, std::shared_ptr<HostWindow> host) {
+    auto windows = std::make_shared<Windows>(std::move(host));
     platform.makeWebViewEngine = [windows](WebView& view) -> std::unique_ptr<WebViewEngine> {
         if (!haveDisplay()) return nullptr;
         return std::make_unique<GtkEngine>(view, windows);
