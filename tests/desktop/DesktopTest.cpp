@@ -13,6 +13,7 @@
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
+#include <tessrakite/ads/BannerView.hpp>
 #include <tessrakite/ads/InterstitialAD.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -60,7 +61,7 @@ protected:
     void SetUp() override {
         SdkFixture::SetUp();
         // Before anything asks GLib for the user's folders: it reads them once.
-        installBrowserStandIn(home->path() / "xdg");
+        installBrowserStandIn();
         bus = std::make_unique<test::PrivateBus>(home->path());
         ASSERT_EQ(bus->error(), "") << "the desktop stack cannot start";
         service = std::make_unique<test::NotificationServiceStandIn>();
@@ -82,25 +83,37 @@ protected:
         bus.reset();
     }
 
-    // A browser that writes down what it is asked to open.
-    void installBrowserStandIn(const std::filesystem::path& xdg) {
-        const auto apps = xdg / "data" / "applications";
+    // A browser that writes down what it is asked to open. GLib reads the user's folders
+    // once per process, so every test shares one folder; each starts with nothing opened.
+    void installBrowserStandIn() {
+        struct Folder {
+            std::filesystem::path path = std::filesystem::temp_directory_path() /
+                                         ("tessra-desktop-xdg-" + std::to_string(::getpid()));
+            ~Folder() {
+                std::error_code ignored;
+                std::filesystem::remove_all(path, ignored);
+            }
+        };
+        static const Folder xdg;
+        opened = xdg.path / "opened.txt";
+        std::filesystem::remove(opened);
+        ::setenv("XDG_DATA_HOME", (xdg.path / "data").c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", (xdg.path / "config").c_str(), 1);
+        ::setenv("XDG_DATA_DIRS", (xdg.path / "system").c_str(), 1);  // no system handlers
+        const auto apps = xdg.path / "data" / "applications";
+        if (std::filesystem::exists(apps)) return;
         std::filesystem::create_directories(apps);
-        std::filesystem::create_directories(xdg / "config");
-        std::filesystem::create_directories(xdg / "system");
-        opened = xdg / "opened.txt";
-        const auto script = xdg / "browser";
+        std::filesystem::create_directories(xdg.path / "config");
+        std::filesystem::create_directories(xdg.path / "system");
+        const auto script = xdg.path / "browser";
         std::ofstream(script) << "#!/bin/sh\nprintf '%s\\n' \"$1\" >> '" << opened.string() << "'\n";
         std::filesystem::permissions(script, std::filesystem::perms::owner_all);
         std::ofstream(apps / "stand-in-browser.desktop")
             << "[Desktop Entry]\nType=Application\nName=Stand-in browser\nExec=" << script.string()
             << " %u\nMimeType=x-scheme-handler/http;x-scheme-handler/https;\n";
-        std::ofstream(xdg / "config" / "mimeapps.list")
+        std::ofstream(xdg.path / "config" / "mimeapps.list")
             << "[Default Applications]\nx-scheme-handler/http=stand-in-browser.desktop\n"
                "x-scheme-handler/https=stand-in-browser.desktop\n";
-        ::setenv("XDG_DATA_HOME", (xdg / "data").c_str(), 1);
-        ::setenv("XDG_CONFIG_HOME", (xdg / "config").c_str(), 1);
-        ::setenv("XDG_DATA_DIRS", (xdg / "system").c_str(), 1);  // no system handlers
     }
 
     void turn() { desktop.platform->runLoop->runFor(0.01); }
@@ -465,6 +478,22 @@ protected:
         return {r.x + r.width / 2, r.y + r.height / 2};
     }
 
+    /// Starts the SDK with ads; the feed's one ad has `md` and a solid `rgb` creative.
+    void startWithCreative(std::array<std::uint8_t, 3> rgb, ordered_json md) {
+        backend->on("GET", "/img/creative.png", Answer::text(solidPng(40, 30, rgb)).header("Content-Type", "image/png"));
+        md["img"] = backend->httpBase() + "/img/creative.png";
+        backend->on("GET", "/v1/display/track-1",
+                    Answer::json(ordered_json{{"items", {{{"md", md}}}}, {"session_id", "s-1"}}.dump()));
+        TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).mavo().analytics(false).build());
+        ASSERT_TRUE(turnUntil([] { return TessraQuill::initialized(); }));
+    }
+
+    static bool near(std::array<int, 3> a, std::array<int, 3> b) {
+        for (int i = 0; i < 3; ++i)
+            if (std::abs(a[i] - b[i]) > 3) return false;
+        return true;
+    }
+
     GtkWidget* host = nullptr;
 };
 
@@ -474,13 +503,7 @@ struct Closed : InterstitialDelegate {
 };
 
 TEST_F(DesktopScreens, AnInterstitialFillsTheAppsWindowWithItsCreativeAndTakesRealClicks) {
-    backend->on("GET", "/img/creative.png", Answer::text(solidPng(40, 30, {255, 0, 0})).header("Content-Type", "image/png"));
-    backend->on("GET", "/v1/display/track-1",
-                Answer::json(ordered_json{{"items", {{{"md", {{"title", "Red"}, {"img", backend->httpBase() + "/img/creative.png"}}}}}},
-                                          {"session_id", "s-1"}}
-                                 .dump()));
-    TessraQuill::initialize(TessraBuilder(std::string(kApiKey)).mavo().analytics(false).build());
-    ASSERT_TRUE(turnUntil([] { return TessraQuill::initialized(); }));
+    startWithCreative({255, 0, 0}, {{"title", "Red"}});
     auto ad = InterstitialAD::create("Mobile_Interstitial");
     auto delegate = std::make_shared<Closed>();
     ad->setInterstitialDelegate(delegate);
@@ -510,11 +533,6 @@ TEST_F(DesktopScreens, AnInterstitialFillsTheAppsWindowWithItsCreativeAndTakesRe
         {"close button", {buttonFrame.x + 3, buttonFrame.y + 3}, {255, 153, 153}},
         {"title panel", {350, 630}, {0, 0, 0}},
     };
-    auto near = [](std::array<int, 3> a, std::array<int, 3> b) {
-        for (int i = 0; i < 3; ++i)
-            if (std::abs(a[i] - b[i]) > 3) return false;
-        return true;
-    };
     ASSERT_TRUE(turnUntil([&] { return near(pixelAt(area, spots[0].at), spots[0].rgb); }))
         << "the creative was never drawn; at its centre: " << testing::PrintToString(pixelAt(area, spots[0].at));
     for (const auto& spot : spots) {
@@ -530,6 +548,39 @@ TEST_F(DesktopScreens, AnInterstitialFillsTheAppsWindowWithItsCreativeAndTakesRe
     EXPECT_TRUE(turnUntil([&] { return delegate->closed && screenArea() == nullptr; }))
         << "the close button did not close the ad and its window";
     EXPECT_EQ(headless.window->rootViewController()->presentedViewController(), nullptr);
+}
+
+struct BannerHeard : AdBannerDelegate {
+    void adBannerDidReceiveAd(BannerView&) override {}
+    void bannerView(BannerView&, const TessraRequest::AdError&) override {}
+    void adBannerWillPresentScreen(BannerView&) override {}
+    void adBannerWillDismissScreen(BannerView&) override {}
+    void adBannerWillLeaveApplication(BannerView&) override {}
+    void adBannerClosed(BannerView&) override {}
+};
+
+TEST_F(DesktopScreens, ABannerWidgetInTheAppsWindowShowsTheAdAndAClickOpensItsPage) {
+    startWithCreative({0, 0, 255}, {{"url", "https://ads.test/landing"}});
+    auto delegate = std::make_shared<BannerHeard>();
+    auto banner = std::make_shared<BannerView>(BannerSize::small, "Mobile_Banner", false, delegate);
+    headless.window->rootViewController()->view()->addSubview(banner);
+    GtkWidget* widget = desktop.windows->makeViewWidget(banner);
+    ASSERT_NE(widget, nullptr);
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+    gtk_widget_set_halign(widget, GTK_ALIGN_CENTER);
+    gtk_box_pack_end(GTK_BOX(box), widget, FALSE, FALSE, 0);
+    gtk_container_add(GTK_CONTAINER(host), box);
+    gtk_widget_show_all(host);
+    banner->loadAd();
+
+    const platform::Point middle{160, 25};
+    ASSERT_TRUE(turnUntil([&] { return near(pixelAt(widget, middle), {0, 0, 255}); }))
+        << "the banner's creative never showed; hidden: " << banner->isHidden
+        << "; console: " << testing::PrintToString(console->lines());
+    EXPECT_EQ(gtk_widget_get_allocated_height(widget), 50) << "the widget asks for the banner's size";
+    click(widget, middle);
+    EXPECT_TRUE(turnUntil([&] { return readFile(opened) == "https://ads.test/landing\n"; }))
+        << "the click opened nothing; browser got: " << readFile(opened) << " console: " << testing::PrintToString(console->lines());
 }
 
 }  // namespace
