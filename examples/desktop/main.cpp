@@ -1,22 +1,27 @@
 // tessra-desktop-sample: a GTK 3 app on the desktop platform, against tessra-sandbox.
 //
 //   eval "$(grep '^export ' sandbox.log)"   # the sandbox's hosts and certificate authority
-//   build-desktop/bin/tessra-desktop-sample [--screenshot FILE]
+//   build-desktop/bin/tessra-desktop-sample [--screenshot DIR]
 //
 // Buttons: start the SDK, simulate a push (the service extension's path, shown as a desktop
-// notification), ask for notification permission (the prompt page in WebKitGTK over this
-// window). The SDK's console lines show in the window and on stdout. --screenshot starts the
-// SDK and simulates a push by itself, writes the window as a PNG once they have had time
-// to show, and quits.
+// notification), show an interstitial (a window over this one), show a banner (a widget at
+// the bottom of this window), ask for notification permission (the prompt page in WebKitGTK
+// over this window). The SDK's console lines show in the window and on stdout.
+// --screenshot DIR starts the SDK, simulates a push and shows a banner by itself, writes the
+// window as DIR/desktop-app.png, then shows an interstitial and writes what the display
+// shows over the window as DIR/desktop-interstitial.png, and quits.
 
 #include <gtk/gtk.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
+#include <tessrakite/ads/BannerView.hpp>
+#include <tessrakite/ads/InterstitialAD.hpp>
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
 #include <tessrakite/core/TessraQuillDelegate.hpp>
@@ -41,7 +46,10 @@ struct App {
     GtkWidget* window = nullptr;
     GtkTextBuffer* log = nullptr;
     GtkWidget* logView = nullptr;
+    GtkWidget* box = nullptr;
     int pushes = 0;
+    std::shared_ptr<InterstitialAD> interstitial;
+    std::shared_ptr<BannerView> banner;
 };
 App* app = nullptr;
 
@@ -70,12 +78,69 @@ public:
     void tessraInited(bool inited) override { Console::print(inited ? "App: SDK started" : "App: SDK not started"); }
 };
 
+/// What the ads tell the app.
+class Ads final : public InterstitialDelegate, public AdBannerDelegate {
+public:
+    void interstitialClosed(InterstitialAD&) override { Console::print("App: interstitial closed"); }
+    void adBannerDidReceiveAd(BannerView&) override { Console::print("App: banner received"); }
+    void bannerView(BannerView&, const TessraRequest::AdError&) override {
+        Console::print("App: the banner's ad did not arrive");
+    }
+    void adBannerWillPresentScreen(BannerView&) override {}
+    void adBannerWillDismissScreen(BannerView&) override {}
+    void adBannerWillLeaveApplication(BannerView&) override {}
+    void adBannerClosed(BannerView&) override { Console::print("App: banner closed"); }
+};
+std::shared_ptr<Ads> ads = std::make_shared<Ads>();
+
 void start() {
     if (TessraQuill::initialized()) {
         Console::print("App: the SDK is already started");
         return;
     }
-    TessraQuill::initialize(TessraBuilder(std::string("demo-key")).push().analytics(true).build());
+    TessraQuill::initialize(TessraBuilder(std::string("demo-key")).push().analytics(true).mavo().build());
+}
+
+bool started() {
+    if (!TessraQuill::initialized()) Console::print("App: start the SDK first");
+    return TessraQuill::initialized();
+}
+
+/// A full-window ad from the backend's feed, over this window until its X is clicked.
+/// Readiness is the app's decision: this one shows the ad once its picture has arrived.
+void showInterstitial() {
+    if (!started()) return;
+    app->interstitial = InterstitialAD::create("Mobile_Interstitial");
+    app->interstitial->setInterstitialDelegate(ads);
+    auto* waited = new int(0);
+    g_timeout_add_full(G_PRIORITY_DEFAULT, 100, [](gpointer data) -> gboolean {
+        int& ticks = *static_cast<int*>(data);
+        auto ad = app->interstitial;
+        if (!ad || !ad->interstitialController) return G_SOURCE_REMOVE;
+        if (ad->interstitialController->iti->imageView()->image) {
+            ad->interstitialController->isReady = true;
+            ad->showAd();
+            return G_SOURCE_REMOVE;
+        }
+        if (++ticks < 100) return G_SOURCE_CONTINUE;
+        Console::print("App: the interstitial's picture did not arrive within 10 s");
+        return G_SOURCE_REMOVE;
+    }, waited, [](gpointer data) { delete static_cast<int*>(data); });
+}
+
+/// A banner at the bottom of the window: the SDK's view in its screen, shown by a widget.
+void showBanner() {
+    if (!started()) return;
+    if (!app->banner) {
+        app->banner = std::make_shared<BannerView>(BannerSize::small, "Mobile_Banner", true, ads);
+        app->screen->view()->addSubview(app->banner);
+        if (GtkWidget* widget = app->desktop.windows->makeViewWidget(app->banner)) {
+            gtk_widget_set_halign(widget, GTK_ALIGN_CENTER);
+            gtk_box_pack_end(GTK_BOX(app->box), widget, FALSE, FALSE, 0);
+            gtk_widget_show(widget);
+        }
+    }
+    app->banner->loadAd();
 }
 
 /// A campaign push as the service extension receives it; the content it hands back is
@@ -120,7 +185,7 @@ void buildWindow() {
     gtk_window_set_default_size(GTK_WINDOW(app->window), 480, 560);
     g_signal_connect(app->window, "destroy", G_CALLBACK(gtk_main_quit), nullptr);
 
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
+    GtkWidget* box = app->box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
     gtk_container_set_border_width(GTK_CONTAINER(box), 12);
     GtkWidget* title = gtk_label_new(nullptr);
     gtk_label_set_markup(GTK_LABEL(title), "<big><b>TessraKite on the desktop</b></big>");
@@ -130,6 +195,8 @@ void buildWindow() {
     gtk_box_pack_start(GTK_BOX(box), subtitle, FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(box), button("Start the SDK", start), FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(box), button("Simulate a push", simulatePush), FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(box), button("Show an interstitial", showInterstitial), FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(box), button("Show a banner", showBanner), FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(box), button("Ask for notification permission", askForPermission), FALSE, FALSE, 0);
 
     app->logView = gtk_text_view_new();
@@ -152,6 +219,7 @@ void useSampleBundle() {
     platform::FileRoots::ensureDirectory(folder);
     platform::writePropertyList(folder / "Info.plist",
                                 PlistValue(PlistDictionary{{"CFBundleIdentifier", "com.example.desktop-sample"},
+                                                           {"TessraQuillTrackID", "desktop-sample"},
                                                            {"CFBundleName", "DesktopSample"},
                                                            {"CFBundleDisplayName", "TessraKite sample"},
                                                            {"CFBundleShortVersionString", "1.0"},
@@ -168,17 +236,43 @@ void trustSandbox() {
     if (std::filesystem::exists(server)) app->desktop.windows->allowTlsCertificateForHost(server.string(), "127.0.0.1");
 }
 
-gboolean writeScreenshot(gpointer file) {
+/// What the display shows over the app's window, other windows above it included.
+void writeScreenshot(const std::string& file) {
     GdkWindow* window = gtk_widget_get_window(app->window);
-    GdkPixbuf* shot = gdk_pixbuf_get_from_window(window, 0, 0, gdk_window_get_width(window), gdk_window_get_height(window));
+    gint x = 0, y = 0;
+    gdk_window_get_origin(window, &x, &y);
+    GdkPixbuf* shot = gdk_pixbuf_get_from_window(gdk_get_default_root_window(), x, y, gdk_window_get_width(window),
+                                                 gdk_window_get_height(window));
     GError* error = nullptr;
-    if (!shot || !gdk_pixbuf_save(shot, static_cast<const char*>(file), "png", &error, nullptr)) {
+    if (!shot || !gdk_pixbuf_save(shot, file.c_str(), "png", &error, nullptr)) {
         std::fprintf(stderr, "tessra-desktop-sample: no screenshot: %s\n", error ? error->message : "no window");
         if (error) g_error_free(error);
     }
     if (shot) g_object_unref(shot);
-    gtk_main_quit();
-    return G_SOURCE_REMOVE;
+}
+
+/// Runs `step` after `ms` milliseconds of the main loop.
+void after(guint ms, std::function<void()> step) {
+    g_timeout_add_full(G_PRIORITY_DEFAULT, ms, [](gpointer data) -> gboolean {
+        (*static_cast<std::function<void()>*>(data))();
+        return G_SOURCE_REMOVE;
+    }, new std::function<void()>(std::move(step)), [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+}
+
+void screenshots(const std::string& folder) {
+    start();
+    after(1500, [] {
+        simulatePush();
+        showBanner();
+    });
+    after(4000, [folder] {
+        writeScreenshot(folder + "/desktop-app.png");
+        showInterstitial();
+    });
+    after(6500, [folder] {
+        writeScreenshot(folder + "/desktop-interstitial.png");
+        gtk_main_quit();
+    });
 }
 
 }  // namespace
@@ -209,16 +303,9 @@ int main(int argc, char** argv) {
         [](const platform::UNNotificationResponse& response) { TessraQuill::pushTrackOpen(true, response, nullptr); });
 
     buildWindow();
-    state.desktop.windows->setHostWindow(GTK_WINDOW(state.window));
     trustSandbox();
-    if (screenshot) {
-        start();
-        g_timeout_add(1500, [](gpointer) -> gboolean {
-            simulatePush();
-            return G_SOURCE_REMOVE;
-        }, nullptr);
-        g_timeout_add(4000, writeScreenshot, const_cast<char*>(screenshot));
-    }
+    state.desktop.windows->setHostWindow(GTK_WINDOW(state.window));
+    if (screenshot) screenshots(screenshot);
     gtk_main();  // the SDK's main queue runs from this loop
     Console::setSink(nullptr);
     return 0;
