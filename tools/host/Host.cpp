@@ -712,6 +712,9 @@ void Host::registerOperations() {
     ops["tap"] = [this](const Json& a) {
         headless_.window->layoutIfNeeded();
         platform::View* view = nullptr;
+        // Where a finger (or a click on the desktop) lands: the view there, then its parents.
+        if (a.contains("x") || a.contains("y"))
+            return Json(headless_.window->tapAt({numberArg(a, "x"), numberArg(a, "y")}));
         if (a.contains("identifier")) {
             view = headless_.window->viewWithAccessibilityIdentifier(stringArg(a, "identifier"));
             if (!view) throw BadArguments("no view has that identifier");

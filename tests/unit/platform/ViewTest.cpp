@@ -306,5 +306,37 @@ TEST_F(ViewTest, TapsReachRecognisersAndButtonsOnlyWhereATouchCould) {
     EXPECT_EQ(fired, (std::vector<std::string>{"open", "open", "close"}));
 }
 
+TEST_F(ViewTest, ATapAtAPointGoesToTheDeepestViewThereThatTakesTouchesThenItsParents) {
+    std::string fired;
+    auto& top = *root->view();
+    auto card = child(top, {20, 20, 200, 200});
+    card->addGestureRecognizer(std::make_shared<TapGestureRecognizer>([&] { fired = "card"; }));
+    auto title = std::make_shared<Label>();  // takes no touches: the card gets them
+    title->frame = {10, 10, 100, 20};
+    card->addSubview(title);
+    auto close = std::make_shared<Button>(Rect{150, 150, 40, 40});
+    close->addAction(ControlEvent::touchUpInside, [&] { fired = "close"; });
+    card->addSubview(close);
+    auto cover = child(*card, {0, 0, 60, 60});
+    cover->addGestureRecognizer(std::make_shared<TapGestureRecognizer>([&] { fired = "cover"; }));
+    cover->isHidden = true;
+
+    struct Case {
+        Point at;
+        std::string fired;
+    };
+    for (const auto& c : std::vector<Case>{{{40, 35}, "card"},      // on the title
+                                           {{25, 25}, "card"},      // under the hidden cover
+                                           {{185, 185}, "close"},   // the button: 20 + 150 in from the corner
+                                           {{300, 300}, ""}}) {     // beside the card: the screen has no recogniser
+        SCOPED_TRACE(testing::PrintToString(std::vector<double>{c.at.x, c.at.y}));
+        fired.clear();
+        EXPECT_EQ(h.window->tapAt(c.at), !c.fired.empty());
+        EXPECT_EQ(fired, c.fired);
+    }
+    root->present(std::make_shared<ViewController>(), false);
+    EXPECT_FALSE(h.window->tapAt({40, 35})) << "a presented screen covers the one below";
+}
+
 }  // namespace
 }  // namespace tessrakite::platform
