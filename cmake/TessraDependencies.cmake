@@ -12,9 +12,10 @@ pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 # Cairo and pango draw the view tree into PNG snapshots; only the renderer includes them.
 pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET cairo pangocairo)
 # The desktop platform talks to the session bus and runs on the GLib main loop (GIO); its
-# web views are WebKitGTK in GTK 3 windows.
+# screens are GTK 3 windows, its web views WebKitGTK (in a module of their own).
 if(TESSRA_DESKTOP_PLATFORM)
   pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0)
+  pkg_check_modules(DESKTOP_GTK REQUIRED IMPORTED_TARGET gtk+-3.0)
   pkg_check_modules(DESKTOP_WEB REQUIRED IMPORTED_TARGET webkit2gtk-4.1 gtk+-3.0)
   # The desktop tests click with XTest: input the X server itself delivers, as a mouse's.
   if(TESSRA_BUILD_TESTS)

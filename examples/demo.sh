@@ -14,24 +14,10 @@ for tool in tessra-sandbox tessra-host tessra-defaults; do
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-demo-XXXXXX")
-sandbox_pid=""
+who=demo
+# shellcheck source=examples/sandbox.sh
+. examples/sandbox.sh
 narrator_pid=""
-
-stop_sandbox() {
-  [ -n "$sandbox_pid" ] || return 0
-  kill -TERM "$sandbox_pid" 2>/dev/null || true
-  # Bounded: a sandbox that does not stop within 10 s is killed.
-  for _ in $(seq 100); do
-    kill -0 "$sandbox_pid" 2>/dev/null || break
-    # An ended sandbox stays a zombie until the wait below reaps it.
-    state=$(sed -n 's/^[0-9]* ([^)]*) \(.\).*/\1/p' "/proc/$sandbox_pid/stat" 2>/dev/null || true)
-    [ "$state" = Z ] && break
-    sleep 0.1
-  done
-  kill -KILL "$sandbox_pid" 2>/dev/null || true
-  wait "$sandbox_pid" 2>/dev/null || true
-  sandbox_pid=""
-}
 
 cleanup() {
   if [ -n "$narrator_pid" ]; then
@@ -50,23 +36,7 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-"$bin/tessra-sandbox" --state "$work/sandbox" >"$work/sandbox.log" 2>"$work/sandbox.err" &
-sandbox_pid=$!
-
-for _ in $(seq 300); do
-  grep -q '^# ready' "$work/sandbox.log" 2>/dev/null && break
-  if ! kill -0 "$sandbox_pid" 2>/dev/null; then
-    echo "demo: tessra-sandbox did not start:" >&2
-    cat "$work/sandbox.err" >&2
-    exit 1
-  fi
-  sleep 0.1
-done
-if ! grep -q '^# ready' "$work/sandbox.log"; then
-  echo "demo: tessra-sandbox was not ready within 30 s" >&2
-  exit 1
-fi
-eval "$(grep '^export ' "$work/sandbox.log")"
+start_sandbox "$bin" "$work/sandbox" "$work"
 
 # The pictures the tour draws stay after the run.
 export TESSRA_DEMO_PICTURES="$PWD/build/demo-pictures"

@@ -239,13 +239,14 @@ public:
         std::weak_ptr<Screens> weak = weak_from_this();
         if (auto window = window_.lock()) {
             auto before = window->transitionObserver();
-            window->setTransitionObserver([before, weak](const std::string& name, const ViewController& c, bool animated) {
+            // The window keeps this alive: a host may drop the platform's other handles.
+            window->setTransitionObserver([before, self = shared_from_this()](const std::string& name,
+                                                                               const ViewController& c, bool animated) {
                 if (before) before(name, c, animated);
                 // After the transition has finished: the observer hears it from inside.
-                if (auto self = weak.lock())
-                    self->runLoop_->async([weak] {
-                        if (auto s = weak.lock()) s->sync();
-                    });
+                self->runLoop_->async([weak = std::weak_ptr<Screens>(self)] {
+                    if (auto s = weak.lock()) s->sync();
+                });
             });
         }
         host_->onChange([weak] {

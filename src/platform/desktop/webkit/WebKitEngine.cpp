@@ -1,39 +1,41 @@
 // Web views on the desktop: WebKitGTK in a transparent, undecorated window over the host's.
+// Built as its own module (see WebKitModule.hpp); only exported classes of the library are used.
 #include <list>
 #include <set>
 
+#include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/WebView.hpp>
 #include <tessrakite/platform/Window.hpp>
 
-#include "platform/desktop/GLibSupport.hpp"
-#include "platform/desktop/GtkWindows.hpp"
+#include "platform/desktop/WebKitModule.hpp"
 
 namespace tessrakite::platform::desktop {
 namespace {
 
-class Windows final : public WebViewSupport {
+class Windows final : public WebKitModule {
 public:
-    explicit Windows(std::shared_ptr<HostWindow> host) : host_(std::move(host)) {}
     ~Windows() override {
         if (context_) g_object_unref(context_);
     }
+
+    std::unique_ptr<WebViewEngine> makeEngine(WebView& view, WebKitHost host) override;
 
     bool allowTlsCertificateForHost(const std::string& certificateFile, const std::string& host) override {
         GError* error = nullptr;
         GTlsCertificate* certificate = g_tls_certificate_new_from_file(certificateFile.c_str(), &error);
         if (!certificate) {
-            Console::print("Cannot read the certificate " + certificateFile + ": " + takeMessage(error));
+            Console::print("Cannot read the certificate " + certificateFile + ": " +
+                           (error ? error->message : "unknown error"));
+            if (error) g_error_free(error);
             return false;
         }
         webkit_web_context_allow_tls_certificate_for_host(context(), certificate, host.c_str());
         g_object_unref(certificate);
         return true;
     }
-
-    const HostWindow& host() const { return *host_; }
 
     WebKitWebContext* context() {
         // Ephemeral: a prompt page keeps no cookies or caches on disk.
@@ -42,13 +44,13 @@ public:
     }
 
 private:
-    std::shared_ptr<HostWindow> host_;
     WebKitWebContext* context_ = nullptr;
 };
 
 class GtkEngine final : public WebViewEngine {
 public:
-    GtkEngine(WebView& view, std::shared_ptr<Windows> windows) : view_(view), windows_(std::move(windows)) {}
+    GtkEngine(WebView& view, Windows& windows, WebKitHost host)
+        : view_(view), windows_(windows), host_(std::move(host)) {}
 
     ~GtkEngine() override {
         if (content_) {
@@ -76,10 +78,10 @@ private:
 
     void create() {
         if (!content_) content_ = webkit_user_content_manager_new();
-        webView_ = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", windows_->context(),
+        webView_ = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", windows_.context(),
                                                 "user-content-manager", content_, nullptr));
         window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-        makeOverlay(GTK_WINDOW(window_));
+        host_.makeOverlay(GTK_WINDOW(window_));
         gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(webView_));
         // The user closing the window (or the window manager) forgets it here.
         g_signal_connect(window_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer self) {
@@ -142,11 +144,12 @@ private:
 
     /// Over the host's window when there is one, else the size of the SDK's window.
     void place() {
-        windows_->host().cover(GTK_WINDOW(window_), view_.window() ? view_.window()->bounds() : view_.frame);
+        host_.cover(GTK_WINDOW(window_), view_.window() ? view_.window()->bounds() : view_.frame);
     }
 
     WebView& view_;
-    std::shared_ptr<Windows> windows_;
+    Windows& windows_;  // the module is never unloaded
+    WebKitHost host_;
     GtkWidget* window_ = nullptr;
     WebKitWebView* webView_ = nullptr;
     WebKitUserContentManager* content_ = nullptr;
@@ -154,15 +157,13 @@ private:
     std::list<Channel> channels_;  // signal data: addresses must not move
 };
 
-}  // namespace
-
-std::shared_ptr<WebViewSupport> installWebViewWindows(Platform& platform, std::shared_ptr<HostWindow> host) {
-    auto windows = std::make_shared<Windows>(std::move(host));
-    platform.makeWebViewEngine = [windows](WebView& view) -> std::unique_ptr<WebViewEngine> {
-        if (!haveDisplay()) return nullptr;
-        return std::make_unique<GtkEngine>(view, windows);
-    };
-    return windows;
+std::unique_ptr<WebViewEngine> Windows::makeEngine(WebView& view, WebKitHost host) {
+    return std::make_unique<GtkEngine>(view, *this, std::move(host));
 }
 
+}  // namespace
 }  // namespace tessrakite::platform::desktop
+
+extern "C" __attribute__((visibility("default"))) tessrakite::platform::desktop::WebKitModule* tessra_webkit_module() {
+    return new tessrakite::platform::desktop::Windows();
+}
