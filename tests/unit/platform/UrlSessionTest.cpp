@@ -259,7 +259,6 @@ TEST_F(UrlSessionTest, WaitIdleCoversFollowUpsAndAThrowingCompletionDoesNotStopT
     });
     ASSERT_TRUE(session->waitIdle(30.0));
     EXPECT_TRUE(followUpDone) << "waitIdle returned before the follow-up's completion";
-    EXPECT_EQ(session->inFlight(), 0u);
     EXPECT_FALSE(fetch(*session, request(b)).error);
 }
 
