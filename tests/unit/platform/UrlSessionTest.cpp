@@ -1,5 +1,4 @@
 #include <atomic>
-#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <set>
