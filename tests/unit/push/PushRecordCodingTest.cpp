@@ -35,7 +35,6 @@ TEST(PushRecordCoding, EncodesKeysInTheirListedOrderAndOmitsAbsentValues) {
         {Json::parse(kFullPush).get<PushObj>(), kFullPush},
         {minimal, R"({"aps":{"alert":{"title":"Hi"}}})"},
         {campaign, R"({"p":[{"i":["i1"],"o":{},"t":"T"},{"o":{}}],"t":["c1"]})"},
-        {B{"b", "ib", 1, std::nullopt, 3}, R"({"id":"b","ib":"ib","major":1,"distance":3})"},
         {MultiMessagePush{std::vector<P>{}, true}, R"({"p":[],"isMultiple":true})"},
     };
     for (const auto& [json, expected] : cases) EXPECT_EQ(json.dump(), expected);
