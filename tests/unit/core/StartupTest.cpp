@@ -76,10 +76,8 @@ TEST_F(Startup, FirstStartFetchesTheDocumentThenReportsInstallAndOpen) {
     EXPECT_EQ(requests[0].header("If-Modified-Since"), "Fri, 12 Jan 2024 09:42:01 GMT");
     EXPECT_EQ(requests[1].target(), "/v2/activity?type=mobile");
     EXPECT_EQ(activityCodes(), (std::vector<std::int64_t>{200, 205}));
-    EXPECT_EQ(storage().getBool(StorageKey::reg), true);
     EXPECT_TRUE(console->contains("INSTALL SENT  201"));
     EXPECT_EQ(storage().getStringFromStorage(StorageKey::lastModified), "Tue, 14 Nov 2023 22:13:20 GMT");
-    EXPECT_EQ(TessraQuill::getUtm("ht"), "demo-key");
 }
 
 TEST_F(Startup, SecondStartIsANewSessionThatSendsTheStoredDateAndAnUnchangedDocumentKeepsItsCache) {
