@@ -1,6 +1,8 @@
 #include "TestEnv.hpp"
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <random>
 
 #include <unistd.h>
@@ -79,6 +81,11 @@ std::size_t ConsoleCapture::count(const std::string& line) const {
 void ConsoleCapture::clear() {
     std::lock_guard lock(state_->mutex);
     state_->lines.clear();
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::filesystem::path testData(const std::string& name) { return std::filesystem::path(TESSRA_TEST_DATA_DIR) / name; }

@@ -61,6 +61,8 @@ private:
     std::shared_ptr<State> state_;
 };
 
+/// The bytes of a file; empty when it cannot be read.
+std::string readFile(const std::filesystem::path& file);
 /// Path of a file under tests/data.
 std::filesystem::path testData(const std::string& name);
 /// Path of a built executable under build/bin.

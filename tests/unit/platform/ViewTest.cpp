@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -35,9 +33,8 @@ std::shared_ptr<Image> solidImage(int width, int height, const std::vector<std::
 std::shared_ptr<Image> renderAndDecode(View& view, const std::filesystem::path& file) {
     auto error = renderPNG(view, file);
     EXPECT_FALSE(error) << *error;
-    std::ifstream in(file, std::ios::binary);
-    Data bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return Image::decode(bytes);
+    const auto bytes = test::readFile(file);
+    return Image::decode(Data(bytes.begin(), bytes.end()));
 }
 
 /// 0xRRGGBBAA of one pixel.

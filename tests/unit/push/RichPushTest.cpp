@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -141,8 +140,7 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
     for (int i = 0; i < 3 * 2 * 4; ++i) pixels.get()[i] = static_cast<std::uint8_t>(i * 10);
     const auto source = home->path() / "source.png";
     ASSERT_FALSE(platform::Image(3, 2, pixels).writePNG(source));
-    std::ifstream in(source, std::ios::binary);
-    const std::string png((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string png = test::readFile(source);
     struct Case {
         const char* name;
         Answer answer;
@@ -166,8 +164,7 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
         if (!c.attached) continue;
         EXPECT_EQ(content.attachments[0].identifier, "id");
         EXPECT_EQ(std::filesystem::path(content.attachments[0].url).filename(), "id.png");
-        std::ifstream written(content.attachments[0].url, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
+        const std::string bytes = test::readFile(content.attachments[0].url);
         auto image = platform::Image::decode(Data(bytes.begin(), bytes.end()));
         ASSERT_TRUE(image);
         EXPECT_EQ(std::memcmp(image->rgba(), pixels.get(), 3 * 2 * 4), 0);
