@@ -41,7 +41,6 @@ TEST(StorageKeyTest, RawValuesAreTheUniquePersistedKeyNames) {
 
 TEST_F(StorageManagerTest, OpensTheAppGroupSuiteOfTheHostApplication) {
     StorageManager storage;
-    EXPECT_EQ(StorageManager::suiteName(), kSuite);
     EXPECT_EQ(storage.defaultStorage, platform::userDefaults(kSuite));
 
     storage.set(StorageKey::tok, "abc");

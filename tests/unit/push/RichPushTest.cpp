@@ -173,12 +173,11 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
 
 TEST_F(RichPush, ACampaignEndpointIsFetchedAndRemembered) {
     backend->on("GET", "/campaign/7",
-                Answer::json(campaign({{"body", "From the campaign"}, {"sound", "ding"}}, "Fetched").dump()));
+                Answer::json(campaign({{"body", "From the campaign"}}, "Fetched").dump()));
     const std::string e = backend->httpsBase() + "/campaign/7?id=7";
     auto content = receive({{"aps", {{"alert", {{"title", "Push"}, {"e", e}, {"mavo", true}}}}}}, "fetched");
     EXPECT_EQ(content.title, "Fetched");
     EXPECT_EQ(content.body, "From the campaign");
-    EXPECT_EQ(content.sound, "ding.wav");
     EXPECT_EQ(PlistValue(content.userInfo).toJSON()["p"][0]["t"], "Fetched") << "the opening app finds the campaign";
     EXPECT_EQ(storage().getE(), e);
     EXPECT_EQ(storage().getBool(StorageKey::mavo), true);
