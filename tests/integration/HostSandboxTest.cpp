@@ -390,8 +390,7 @@ TEST_F(HostSandboxTest, TheExtensionFillsACampaignPushAndTheAppOpensItOnce) {
     EXPECT_EQ(content["title"], entry["t"]);
     EXPECT_EQ(content["body"], entry["o"]["body"]);
     ASSERT_EQ(content["attachments"].size(), 1u) << content;
-    std::ifstream file(content["attachments"][0].value("url", ""), std::ios::binary);
-    const std::string png((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string png = tessrakite::test::readFile(content["attachments"][0].value("url", ""));
     EXPECT_TRUE(png.starts_with("\x89PNG\r\n\x1a\n") && decodes(png));
 
     // The app: the message is delivered; a tap reports and opens it once.

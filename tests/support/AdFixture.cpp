@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -64,8 +62,7 @@ std::string AdFixture::pngBytes() const {
     std::fill_n(pixels.get(), 3 * 2 * 4, std::uint8_t{200});
     const auto file = home->path() / "ad.png";
     EXPECT_FALSE(platform::Image(3, 2, pixels).writePNG(file));
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    return readFile(file);
 }
 
 }  // namespace tessrakite::test

@@ -1,7 +1,6 @@
 #include "ChildProcess.hpp"
 
 #include <csignal>
-#include <random>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -151,18 +150,6 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
 std::optional<int> ChildProcess::stop(int signal, std::chrono::milliseconds timeout) {
     if (pid_ > 0 && !exitCode_) ::kill(pid_, signal);
     return wait(timeout);
-}
-
-TempFolder::TempFolder() {
-    std::random_device random;
-    path_ = std::filesystem::temp_directory_path() /
-            ("tessra-test-" + std::to_string(::getpid()) + "-" + std::to_string(random()));
-    std::filesystem::create_directories(path_);
-}
-
-TempFolder::~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
 }
 
 Sandbox::Sandbox(const std::vector<std::string>& arguments)

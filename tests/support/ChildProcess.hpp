@@ -14,6 +14,8 @@
 
 #include <sys/types.h>
 
+#include "TestEnv.hpp"
+
 namespace tessrakite::test {
 
 /// A built tool run as a child process: its stdin is a pipe the test writes to, its stdout
@@ -56,19 +58,6 @@ private:
     std::condition_variable changed_;
     std::vector<std::string> lines_;
     bool outputClosed_ = false;
-};
-
-/// A fresh folder under the system's temporary folder, removed with its contents.
-class TempFolder {
-public:
-    TempFolder();
-    ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
 };
 
 /// tessra-sandbox on free ports with a state folder of its own, stopped with SIGTERM at the end.

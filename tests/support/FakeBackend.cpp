@@ -1,7 +1,6 @@
 #include "FakeBackend.hpp"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <deque>

@@ -1,6 +1,8 @@
 #include "TestEnv.hpp"
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <random>
 
 #include <unistd.h>
@@ -9,23 +11,26 @@
 
 namespace tessrakite::test {
 
-ScopedHome::ScopedHome() {
-    if (const char* prev = std::getenv("TESSRA_HOME")) {
-        previous_ = prev;
-        hadPrevious_ = true;
-    }
-    std::random_device rd;
+TempFolder::TempFolder() {
+    std::random_device random;
     path_ = std::filesystem::temp_directory_path() /
-            ("tessra-test-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+            ("tessra-test-" + std::to_string(::getpid()) + "-" + std::to_string(random()));
     std::filesystem::create_directories(path_);
-    ::setenv("TESSRA_HOME", path_.c_str(), 1);
+}
+
+TempFolder::~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+ScopedHome::ScopedHome() {
+    if (const char* previous = std::getenv("TESSRA_HOME")) previous_ = previous;
+    ::setenv("TESSRA_HOME", path().c_str(), 1);
 }
 
 ScopedHome::~ScopedHome() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-    if (hadPrevious_)
-        ::setenv("TESSRA_HOME", previous_.c_str(), 1);
+    if (previous_)
+        ::setenv("TESSRA_HOME", previous_->c_str(), 1);
     else
         ::unsetenv("TESSRA_HOME");
 }
@@ -76,6 +81,11 @@ std::size_t ConsoleCapture::count(const std::string& line) const {
 void ConsoleCapture::clear() {
     std::lock_guard lock(state_->mutex);
     state_->lines.clear();
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::filesystem::path testData(const std::string& name) { return std::filesystem::path(TESSRA_TEST_DATA_DIR) / name; }

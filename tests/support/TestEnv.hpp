@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,19 +12,27 @@
 
 namespace tessrakite::test {
 
-/// A scratch TESSRA_HOME for one test, removed afterwards.
-class ScopedHome {
+/// A fresh folder under the system's temporary folder, removed with its contents.
+class TempFolder {
 public:
-    ScopedHome();
-    ~ScopedHome();
-    ScopedHome(const ScopedHome&) = delete;
-    ScopedHome& operator=(const ScopedHome&) = delete;
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
     const std::filesystem::path& path() const { return path_; }
 
 private:
     std::filesystem::path path_;
-    std::string previous_;
-    bool hadPrevious_ = false;
+};
+
+/// A scratch TESSRA_HOME for one test, removed afterwards.
+class ScopedHome : public TempFolder {
+public:
+    ScopedHome();
+    ~ScopedHome();
+
+private:
+    std::optional<std::string> previous_;
 };
 
 /// Writes an app bundle folder with an Info.plist; returns the folder.
@@ -52,6 +61,8 @@ private:
     std::shared_ptr<State> state_;
 };
 
+/// The bytes of a file; empty when it cannot be read.
+std::string readFile(const std::filesystem::path& file);
 /// Path of a file under tests/data.
 std::filesystem::path testData(const std::string& name);
 /// Path of a built executable under build/bin.

@@ -86,20 +86,20 @@ TEST_F(AppOpen, AReadyAdIsShownForFourHoursThenALoadStartsInstead) {
     }
 }
 
-TEST_F(AppOpen, ASecondLoadWhileOneRunsSendsNothing) {
+TEST_F(AppOpen, OneLoadAtATimeThenTheShownAdFiresItsViewTrackerAndDismissalReloadsAtOnce) {
     serve("/img/ad.png");
     ad->loadAppOpenAd("App_Open");
-    ad->loadAppOpenAd("App_Open");
+    ad->loadAppOpenAd("App_Open");  // a second load while one runs sends nothing
     pump();
-    EXPECT_EQ(backend->requestsTo(kFeedPath).size(), 1u);
-    EXPECT_EQ(backend->requestsTo(kFeedPath)[0].param("as"), "App_Open");
-    EXPECT_EQ(listener->calls, std::vector<std::string>{"addWillPresentFullScreenContent"});
+    const auto feeds = backend->requestsTo(kFeedPath);
+    ASSERT_EQ(feeds.size(), 1u);
+    EXPECT_EQ(feeds[0].param("as"), "App_Open");
     EXPECT_TRUE(ad->isObjetReady);
     EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?v=abc"});
-}
+    EXPECT_EQ(listener->calls, std::vector<std::string>{"addWillPresentFullScreenContent"});
+    backend->clearRequests();
+    listener->calls.clear();
 
-TEST_F(AppOpen, ShownAdFiresItsViewTrackerAndDismissalReloadsAtOnce) {
-    loadReady();
     ad->tryDisplayAd(root);
     ASSERT_TRUE(ad->appOpenController);
     pump();

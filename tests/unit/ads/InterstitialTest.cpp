@@ -52,25 +52,20 @@ protected:
     std::shared_ptr<Log> log = std::make_shared<Log>();
 };
 
-TEST_F(Interstitial, ShowsOnlyOnceTheHostSaysItIsReady) {
-    auto ad = loaded();
-    ad->showAd();
-    EXPECT_TRUE(log->events.empty());
-    ad->interstitialController->isReady = true;
-    ad->showAd();
-    EXPECT_EQ(log->events, std::vector<std::string>{"present"});
-    EXPECT_EQ(ad->interstitialController->modalPresentationStyle, platform::ModalPresentationStyle::overFullScreen);
-    EXPECT_TRUE(ad->interstitialController->prefersStatusBarHidden());
-    ad->interstitialController->closeAd();
-}
-
-TEST_F(Interstitial, TheFeedRequestAsksForTheScreenSizeAndFiresTheImpressionOnce) {
+TEST_F(Interstitial, TheFeedAsksForTheScreenSizeFiresTheImpressionOnceAndTheAdShowsOnlyWhenReady) {
     auto ad = loaded();
     const auto feeds = backend->requests();
     ASSERT_FALSE(feeds.empty());
     EXPECT_NE(feeds[0].query.find("&as=Mobile_Interstitial&awh=390x844&ad=390x844&"), std::string::npos);
-    EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?l2=abc"});
     EXPECT_EQ(ad->interstitialController->iti->textView()->text, "Sandbox ad");
+    ad->showAd();
+    EXPECT_TRUE(log->events.empty()) << "the host has not said it is ready";
+    ad->interstitialController->isReady = true;
+    ad->showAd();
+    EXPECT_EQ(log->events, std::vector<std::string>{"present"});
+    EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?l2=abc"});
+    EXPECT_EQ(ad->interstitialController->modalPresentationStyle, platform::ModalPresentationStyle::overFullScreen);
+    EXPECT_TRUE(ad->interstitialController->prefersStatusBarHidden());
     ad->interstitialController->closeAd();
 }
 
@@ -85,47 +80,34 @@ TEST_F(Interstitial, AFeedAnswerWithoutItemsGivesAnEmptyTitleAndNoImage) {
     ad->interstitialController->closeAd();
 }
 
-TEST_F(Interstitial, ContentStacksInPortraitAndSitsSideBySideOtherwise) {
-    struct Case {
-        DeviceOrientation orientation;
-        Rect image, text;
-    };
-    const std::vector<Case> cases = {
-        {DeviceOrientation::portrait, {0, 0, 390, 422}, {0, 422, 390, 422}},
-        {DeviceOrientation::landscapeLeft, {0, 0, 422, 390}, {422, 0, 422, 390}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.orientation));
-        headless.device->setOrientation(c.orientation);
-        auto ad = loaded();
-        auto iti = ad->interstitialController->iti;
-        iti->layoutIfNeeded();
-        EXPECT_EQ(iti->imageView()->frame, c.image);
-        EXPECT_EQ(iti->textView()->frame, c.text);
-        ad->interstitialController->closeAd();
-    }
-}
-
-TEST_F(Interstitial, SupportedOrientationsFollowTheOrientationAtCreation) {
+// The orientation at creation picks the supported ones; the content stacks in portrait and
+// sits side by side otherwise.
+TEST_F(Interstitial, OrientationsFollowTheOrientationAtCreationAndTheContentItsShape) {
     struct Case {
         DeviceOrientation orientation;
         Rect screen;
         unsigned mask;
+        std::optional<Rect> image, text;
     };
     const std::vector<Case> cases = {
-        {DeviceOrientation::portrait, {0, 0, 390, 844}, Mask::portrait},
-        {DeviceOrientation::portraitUpsideDown, {0, 0, 390, 844}, Mask::portrait},
-        {DeviceOrientation::faceUp, {0, 0, 390, 844}, Mask::portrait},
-        {DeviceOrientation::faceDown, {0, 0, 844, 390}, Mask::landscape},
-        {DeviceOrientation::landscapeRight, {0, 0, 844, 390}, Mask::landscape},
-        {DeviceOrientation::unknown, {0, 0, 390, 844}, Mask::landscape},
+        {DeviceOrientation::portrait, {0, 0, 390, 844}, Mask::portrait, Rect{0, 0, 390, 422}, Rect{0, 422, 390, 422}},
+        {DeviceOrientation::landscapeLeft, {0, 0, 844, 390}, Mask::landscape, Rect{0, 0, 422, 390}, Rect{422, 0, 422, 390}},
+        {DeviceOrientation::portraitUpsideDown, {0, 0, 390, 844}, Mask::portrait, {}, {}},
+        {DeviceOrientation::faceUp, {0, 0, 390, 844}, Mask::portrait, {}, {}},
+        {DeviceOrientation::faceDown, {0, 0, 844, 390}, Mask::landscape, {}, {}},
+        {DeviceOrientation::landscapeRight, {0, 0, 844, 390}, Mask::landscape, {}, {}},
+        {DeviceOrientation::unknown, {0, 0, 390, 844}, Mask::landscape, {}, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(static_cast<int>(c.orientation));
         headless.device->setOrientation(c.orientation);
         headless.screen->setBounds(c.screen);
-        auto ad = InterstitialAD::create("Mobile_Interstitial");
+        auto ad = loaded();
         EXPECT_EQ(ad->interstitialController->supportedInterfaceOrientations(), c.mask);
+        auto iti = ad->interstitialController->iti;
+        iti->layoutIfNeeded();
+        EXPECT_TRUE(!c.image || iti->imageView()->frame == *c.image);
+        EXPECT_TRUE(!c.text || iti->textView()->frame == *c.text);
         ad->interstitialController->closeAd();
     }
 }

@@ -26,7 +26,7 @@ struct NamedScreen : platform::ViewController {
     std::string name;
 };
 
-TEST_F(Reports, OpenReportCarriesTheAppTheSessionAndTheKey) {
+TEST_F(Reports, OpenReportCarriesTheAppTheSessionAndTheKeyAndItsCounterFallsToItsFloorAndRisesOnFailure) {
     start();
     auto posts = activityPosts();
     ASSERT_EQ(posts.size(), 2u);
@@ -39,9 +39,7 @@ TEST_F(Reports, OpenReportCarriesTheAppTheSessionAndTheKey) {
                                         {"sid", "1700000000"},
                                         {"scn", 0},
                                         {"cid", storage().getStringFromStorage(StorageKey::uniqSessionId).value()}}));
-}
 
-TEST_F(Reports, OpenCounterFallsToItsFloorAndRisesOnFailure) {
     struct Case {
         std::optional<std::int64_t> before;
         bool reachable;
@@ -49,7 +47,6 @@ TEST_F(Reports, OpenCounterFallsToItsFloorAndRisesOnFailure) {
     };
     const Case cases[] = {{1, true, 1}, {5, true, 4}, {std::nullopt, true, std::nullopt}, {5, false, 6},
                           {std::nullopt, false, 1}};
-    start();
     for (const auto& c : cases) {
         if (c.before)
             storage().set(StorageKey::openCounter, *c.before);

@@ -31,7 +31,6 @@ protected:
 };
 
 TEST(StorageKeyTest, RawValuesAreTheUniquePersistedKeyNames) {
-    EXPECT_EQ(rawValue(StorageKey::appOpenSavedAt), "tx_app_open_saved_at");
     std::set<std::string_view> seen;
     for (StorageKey key : allStorageKeys) {
         EXPECT_TRUE(seen.insert(rawValue(key)).second) << rawValue(key);
@@ -42,8 +41,6 @@ TEST(StorageKeyTest, RawValuesAreTheUniquePersistedKeyNames) {
 
 TEST_F(StorageManagerTest, OpensTheAppGroupSuiteOfTheHostApplication) {
     StorageManager storage;
-    EXPECT_EQ(StorageManager::bundleId(), kAppId);
-    EXPECT_EQ(StorageManager::suiteName(), kSuite);
     EXPECT_EQ(storage.defaultStorage, platform::userDefaults(kSuite));
 
     storage.set(StorageKey::tok, "abc");

@@ -22,10 +22,7 @@ TEST(CrashBase64, EncodesWithPaddingAndWithoutLineBreaks) {
         {{}, std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(base64StringWithData(c.bytes), c.text);
-    // Long input gets no line breaks.
-    const std::string longText = base64StringWithData(Data(300, 0xAB)).value_or("");
-    EXPECT_EQ(longText.size(), 400u);
-    EXPECT_EQ(longText.find('\n'), std::string::npos);
+    EXPECT_EQ(base64StringWithData(Data(300, 0xAB)).value_or("\n").find('\n'), std::string::npos) << "long input gets no line breaks";
 }
 
 TEST(CrashBase64, DecodingRules) {

@@ -2,10 +2,7 @@
 // Runs a piece of code in a forked child that is expected to die, bounded in time.
 
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <string>
 #include <thread>
 
 #include <csignal>
@@ -41,11 +38,6 @@ inline int runInChild(const std::function<void()>& body, unsigned seconds = 10) 
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
     return WIFSIGNALED(status) ? WTERMSIG(status) : kExited + WEXITSTATUS(status);
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 }  // namespace tessrakite::test

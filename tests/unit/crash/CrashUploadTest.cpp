@@ -76,7 +76,11 @@ protected:
 };
 
 
-TEST_F(CrashUpload, TheRequestLineQueryAndBodyAreExact) {
+// Nothing listens on the built-in host: the stored URL gives only host and port (its https,
+// path and query are dropped), and the backend's port speaks plain HTTP.
+TEST_F(CrashUpload, TheRequestLineQueryAndBodyAreExactAndTheStoredUrlGivesOnlyHostAndPort) {
+    ::setenv("TESSRA_CRASH_HOST", "127.0.0.1:1", 1);
+    StorageManager().set(StorageKey::crashUrl, "https://" + backend_.httpHost() + "/elsewhere/upload?x=1");
     backend_.on("POST", "/post.php", Answer::withStatus(200));
     ASSERT_TRUE(signalRecord()->writeToFile(record("first.json")));
     ConsoleCapture console;
@@ -127,23 +131,6 @@ TEST_F(CrashUpload, RecordsInSubfoldersAreUploadedButNeverThePlainTextReport) {
     EXPECT_EQ(lines, (std::vector<std::string>{"crash.txt", "older", "older/one.json", "two.json"}));
 }
 
-TEST_F(CrashUpload, TheStoredCrashUrlGivesOnlyHostAndPortAndUploadsStayHttp) {
-    // Nothing listens on the built-in host now. The stored URL says https, but the backend's
-    // port speaks plain HTTP: only an http upload to /post.php reaches it and gets its 200.
-    ::setenv("TESSRA_CRASH_HOST", "127.0.0.1:1", 1);
-    StorageManager().set(StorageKey::crashUrl, "https://" + backend_.httpHost() + "/elsewhere/upload?x=1");
-    backend_.on("POST", "/post.php", Answer::withStatus(200));
-    ASSERT_TRUE(signalRecord()->writeToFile(record("r.json")));
-
-    EXPECT_EQ(requestWithJtCrashLogFile(signalRecord())->url.absoluteString(),
-              backend_.httpBase() + "/post.php?ver=2.5&addr=3735928559&code=4294967290");
-    reportAndWait();
-
-    ASSERT_EQ(backend_.requests().size(), 1u);
-    EXPECT_EQ(backend_.requests()[0].target(), "/post.php?ver=2.5&addr=3735928559&code=4294967290");
-    EXPECT_FALSE(std::filesystem::exists(record("r.json")));
-}
-
 TEST_F(CrashUpload, RequestsForBareRecordsAndWithAStoredTextThatIsNoUrl) {
     EXPECT_FALSE(requestWithJtCrashLogFile(nullptr));
     // Absent values read "(null)", as the placeholders show them; a stored text that is no URL
@@ -153,7 +140,6 @@ TEST_F(CrashUpload, RequestsForBareRecordsAndWithAStoredTextThatIsNoUrl) {
     bare->type = 1;
     auto request = requestWithJtCrashLogFile(bare);
     ASSERT_TRUE(request);
-    EXPECT_EQ(request->httpMethod, "POST");
     EXPECT_TRUE(request->headers.empty());
     EXPECT_EQ(request->url.absoluteString(), backend_.httpBase() + "/post.php?ver=(null)&addr=0&code=0");
     EXPECT_EQ(request->httpBody, "stack=dHlwZToxCihudWxsKQoobnVsbCk=");

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <set>
 
 #include <tessrakite/core/StorageManager.hpp>
@@ -46,11 +45,6 @@ Data encoded(int channels, bool jpeg = false) {
     else
         stbi_write_png_to_func(append, &out, kWidth, kHeight, channels, pixels.data(), kWidth * channels);
     return out;
-}
-
-Data readFile(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return Data(std::istreambuf_iterator<char>(in), {});
 }
 
 TEST(Image, DecodesJpegAndPngToRgbaWithinThePixelLimit) {
@@ -110,7 +104,8 @@ TEST(Attachment, IsAPngOfTheSamePixelsInTheProcessFolderUnderTemporary) {
     for (const auto& entry : std::filesystem::directory_iterator(folder)) files.insert(entry.path().string());
     EXPECT_EQ(files, (std::set<std::string>{folder / "first.png", folder / "second.png"}));
 
-    auto written = Image::decode(readFile(first->url));
+    const auto bytes = test::readFile(first->url);
+    auto written = Image::decode(Data(bytes.begin(), bytes.end()));
     ASSERT_TRUE(written && written->width() == kWidth && written->height() == kHeight);
     EXPECT_EQ(std::memcmp(written->rgba(), image->rgba(), kWidth * kHeight * 4), 0);
 }

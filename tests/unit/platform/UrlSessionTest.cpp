@@ -1,5 +1,4 @@
 #include <atomic>
-#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <set>
@@ -134,32 +133,25 @@ TEST_P(UrlExchangeTest, FailuresAreErrorsWithoutResponse) {
     EXPECT_EQ(backend.requests().size(), 4u) << "only the slow and the dropped requests were sent";
 }
 
-TEST_P(UrlExchangeTest, APostWhoseKeptAliveConnectionDiesIsSentOnceAndFails) {
-    backend.onSequence("POST", "/report", {Answer::json("{}", 201), Answer::dropped()});
+TEST_P(UrlExchangeTest, SequentialRequestsReuseOneConnectionAndAPostWhoseConnectionDiesIsSentOnceAndFails) {
     backend.on("GET", "/ping", Answer::text("pong"));
     for (bool https : {false, true}) {
+        SCOPED_TRACE(https);
         backend.clearRequests();
+        backend.onSequence("POST", "/report", {Answer::json("{}", 201), Answer::dropped()});
+        for (int i = 0; i < 2; ++i) ASSERT_FALSE(exchange(request(base(https) + "/ping")).error);
         ASSERT_FALSE(exchange(request(base(https) + "/report", "POST", "{}")).error);
-        // The server reads the second one on the same connection, then closes it unanswered.
+        auto seen = backend.requests();
+        ASSERT_EQ(seen.size(), 3u);
+        EXPECT_EQ(seen[1].remotePort, seen[0].remotePort);
+        EXPECT_EQ(seen[2].remotePort, seen[0].remotePort);
+        // The server reads the next post on the same connection, then closes it unanswered.
         UrlResult failed = exchange(request(base(https) + "/report", "POST", R"({"n":2})"));
-        ASSERT_TRUE(failed.error) << https;
+        ASSERT_TRUE(failed.error);
         EXPECT_FALSE(failed.response);
         EXPECT_EQ(backend.requestsTo("/report").size(), 2u) << "the failed post was not sent again";
         // A GET may still be retried on a fresh connection, and the session goes on working.
         EXPECT_EQ(text(exchange(request(base(https) + "/ping"))), "pong");
-        backend.onSequence("POST", "/report", {Answer::json("{}", 201), Answer::dropped()});
-    }
-}
-
-TEST_P(UrlExchangeTest, SequentialRequestsReuseOneConnection) {
-    backend.on("GET", "/ping", Answer::text("pong"));
-    for (bool https : {false, true}) {
-        backend.clearRequests();
-        for (int i = 0; i < 3; ++i) ASSERT_FALSE(exchange(request(base(https) + "/ping")).error);
-        auto seen = backend.requests();
-        ASSERT_EQ(seen.size(), 3u);
-        EXPECT_EQ(seen[1].remotePort, seen[0].remotePort) << https;
-        EXPECT_EQ(seen[2].remotePort, seen[0].remotePort) << https;
     }
 }
 
@@ -259,7 +251,6 @@ TEST_F(UrlSessionTest, WaitIdleCoversFollowUpsAndAThrowingCompletionDoesNotStopT
     });
     ASSERT_TRUE(session->waitIdle(30.0));
     EXPECT_TRUE(followUpDone) << "waitIdle returned before the follow-up's completion";
-    EXPECT_EQ(session->inFlight(), 0u);
     EXPECT_FALSE(fetch(*session, request(b)).error);
 }
 

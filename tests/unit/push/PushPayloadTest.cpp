@@ -124,28 +124,25 @@ TEST(ParsePushObj, PriorityAndMutableContentThatAreNotIntegersArePrintedAndLeftA
     }
 }
 
-TEST(PushPayload, ValueWithoutJSONFormGivesNothingFromBothEntryPointsWithoutSerialisationLine) {
-    for (const auto& value : {PlistValue(Date{1700000000}), PlistValue(std::nan("")),
-                              PlistValue(PlistArray{PlistValue(PlistDictionary{{"when", PlistValue(Date{0})}})})}) {
+// A value without a JSON form gives nothing, silently; text that is not UTF-8 gives nothing
+// with each entry point's serialisation line.
+TEST(PushPayload, AValueThatCannotBeSerialisedGivesNothingFromBothEntryPoints) {
+    const std::string notUtf8 = " The data couldn't be written: a string is not valid UTF-8.";
+    const std::vector<std::pair<PlistValue, std::vector<std::string>>> cases = {
+        {PlistValue(Date{1700000000}), {}},
+        {PlistValue(std::nan("")), {}},
+        {PlistValue(PlistArray{PlistValue(PlistDictionary{{"when", PlistValue(Date{0})}})}), {}},
+        {PlistValue(std::string("\xff\xfe")), {"JSON serialization failed" + notUtf8, "JSON serialization failed " + notUtf8}},
+    };
+    for (const auto& [value, lines] : cases) {
         SCOPED_TRACE(PlistValue::typeName(value.type()));
         auto userInfo = payload(kDirect);
         userInfo["extra"] = value;
         test::ConsoleCapture console;
         EXPECT_FALSE(TessraQuill::parsePushObj(userInfo).has_value());
-        EXPECT_EQ(TessraQuill::getNotificationContent(userInfo, requestWith(userInfo)), nullptr);
-        EXPECT_EQ(console.lines(), std::vector<std::string>{});
+        EXPECT_EQ(TessraQuill::getNotificationContent({}, requestWith(userInfo)), nullptr);
+        EXPECT_EQ(console.lines(), lines);
     }
-}
-
-TEST(PushPayload, TextThatIsNotUTF8CannotBeSerialisedAndIsReportedByBothEntryPoints) {
-    auto userInfo = payload(kDirect);
-    userInfo["bad"] = std::string("\xff\xfe");
-    test::ConsoleCapture console;
-    EXPECT_FALSE(TessraQuill::parsePushObj(userInfo).has_value());
-    EXPECT_EQ(TessraQuill::getNotificationContent({}, requestWith(userInfo)), nullptr);
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"JSON serialization failed The data couldn't be written: a string is not valid UTF-8.",
-                                        "JSON serialization failed  The data couldn't be written: a string is not valid UTF-8."}));
 }
 
 TEST(GetNotificationContent, CampaignEntriesWinOverTheDirectPushAndFailuresPrintWhereTheRecordBroke) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -141,8 +140,7 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
     for (int i = 0; i < 3 * 2 * 4; ++i) pixels.get()[i] = static_cast<std::uint8_t>(i * 10);
     const auto source = home->path() / "source.png";
     ASSERT_FALSE(platform::Image(3, 2, pixels).writePNG(source));
-    std::ifstream in(source, std::ios::binary);
-    const std::string png((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string png = test::readFile(source);
     struct Case {
         const char* name;
         Answer answer;
@@ -166,8 +164,7 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
         if (!c.attached) continue;
         EXPECT_EQ(content.attachments[0].identifier, "id");
         EXPECT_EQ(std::filesystem::path(content.attachments[0].url).filename(), "id.png");
-        std::ifstream written(content.attachments[0].url, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
+        const std::string bytes = test::readFile(content.attachments[0].url);
         auto image = platform::Image::decode(Data(bytes.begin(), bytes.end()));
         ASSERT_TRUE(image);
         EXPECT_EQ(std::memcmp(image->rgba(), pixels.get(), 3 * 2 * 4), 0);
@@ -176,12 +173,11 @@ TEST_F(RichPush, AnImageThatDecodesBecomesThePngAttachmentAnythingElseIsLeftOut)
 
 TEST_F(RichPush, ACampaignEndpointIsFetchedAndRemembered) {
     backend->on("GET", "/campaign/7",
-                Answer::json(campaign({{"body", "From the campaign"}, {"sound", "ding"}}, "Fetched").dump()));
+                Answer::json(campaign({{"body", "From the campaign"}}, "Fetched").dump()));
     const std::string e = backend->httpsBase() + "/campaign/7?id=7";
     auto content = receive({{"aps", {{"alert", {{"title", "Push"}, {"e", e}, {"mavo", true}}}}}}, "fetched");
     EXPECT_EQ(content.title, "Fetched");
     EXPECT_EQ(content.body, "From the campaign");
-    EXPECT_EQ(content.sound, "ding.wav");
     EXPECT_EQ(PlistValue(content.userInfo).toJSON()["p"][0]["t"], "Fetched") << "the opening app finds the campaign";
     EXPECT_EQ(storage().getE(), e);
     EXPECT_EQ(storage().getBool(StorageKey::mavo), true);

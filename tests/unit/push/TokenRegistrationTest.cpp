@@ -80,9 +80,10 @@ TEST_F(TokenRegistration, RefusalIsReportedAsActivity501) {
     EXPECT_EQ(headless.userNotificationCenter->lastAuthorizationOptions(), alert | badge | sound);
 }
 
-TEST_F(TokenRegistration, AcceptedTokenIsSentOnce) {
+TEST_F(TokenRegistration, AcceptedTokenIsSentOnceAndEndsAnUnsubscription) {
     start();
     storage().set(StorageKey::userId, "u-1");
+    storage().set(StorageKey::unscToken, "00ab10");
     registerToken(token);
     registerToken(token);
     auto posts = userPosts();
@@ -91,6 +92,7 @@ TEST_F(TokenRegistration, AcceptedTokenIsSentOnce) {
     EXPECT_EQ(posts[0]["u"], (ordered_json{{"user_id", "u-1"}}));
     EXPECT_EQ(posts[0]["rid"], storage().getStringFromStorage(StorageKey::uniqSessionId).value());
     EXPECT_EQ(storage().getToken(), "00ab10");
+    EXPECT_FALSE(storage().getUnsToken().has_value());
     std::lock_guard lock(delegate->mutex);
     EXPECT_EQ(delegate->calls, (std::vector<std::string>{"tokenChanged:00ab10", "inited:true", "inited:true"}));
     // Each call comes from the completion that decided it, not from the main queue, and
@@ -111,15 +113,6 @@ TEST_F(TokenRegistration, OnlyA201CountsAsRegistered) {
     }
     registerToken(token);
     EXPECT_EQ(userPosts().size(), 2u);  // sent again at the next registration
-}
-
-TEST_F(TokenRegistration, UnsubscribedTokenIsClearedWhenRegisteredAgain) {
-    start();
-    storage().set(StorageKey::tok, "old");
-    storage().set(StorageKey::unscToken, "00ab10");
-    registerToken(token);
-    EXPECT_FALSE(storage().getUnsToken().has_value());
-    EXPECT_EQ(storage().getToken(), "00ab10");
 }
 
 TEST_F(TokenRegistration, NothingIsSentWithoutASession) {
