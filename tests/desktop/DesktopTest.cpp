@@ -51,10 +51,7 @@ public:
     std::vector<std::string> urls;
 };
 
-std::string readFile(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using test::readFile;
 
 class DesktopFixture : public test::SdkFixture {
 protected:
@@ -149,11 +146,14 @@ protected:
         return handled.value_or(UNMutableNotificationContent{});
     }
 
-    std::string png() const {
-        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[4 * 4 * 4], std::default_delete<std::uint8_t[]>());
-        std::fill_n(pixels.get(), 4 * 4 * 4, std::uint8_t{200});
-        const auto file = home->path() / "photo.png";
-        EXPECT_FALSE(platform::Image(4, 4, pixels).writePNG(file));
+    /// A solid `width` x `height` PNG of one colour.
+    std::string solidPng(int width, int height, std::array<std::uint8_t, 3> rgb) const {
+        const auto count = static_cast<std::size_t>(width * height);
+        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[count * 4], std::default_delete<std::uint8_t[]>());
+        for (std::size_t i = 0; i < count; ++i)
+            std::copy(rgb.begin(), rgb.end(), pixels.get() + 4 * i), pixels.get()[4 * i + 3] = 255;
+        const auto file = home->path() / "solid.png";
+        EXPECT_FALSE(platform::Image(width, height, pixels).writePNG(file));
         return readFile(file);
     }
 
@@ -172,7 +172,7 @@ TEST_F(DesktopNotifications, APushWithAnImageAndButtonsIsShownAndItsDeepLinkButt
     // What the app's response callback does on the phone.
     centre->setResponseHandler(
         [](const platform::UNNotificationResponse& response) { TessraQuill::pushTrackOpen(true, response, nullptr); });
-    backend->on("GET", "/img/photo.png", Answer::text(png()).header("Content-Type", "image/png"));
+    backend->on("GET", "/img/photo.png", Answer::text(solidPng(4, 4, {200, 200, 200})).header("Content-Type", "image/png"));
     const ordered_json message = {
         {"image", backend->httpBase() + "/img/photo.png"},
         {"body", "Half price & more"},
@@ -426,17 +426,6 @@ protected:
         ::unsetenv("TESSRA_AD_HOST");
         ::unsetenv("TESSRA_AD_DEMO_PAGE");
         DesktopFixture::TearDown();
-    }
-
-    /// A solid `width` x `height` PNG of one colour.
-    std::string solidPng(int width, int height, std::array<std::uint8_t, 3> rgb) const {
-        const auto count = static_cast<std::size_t>(width * height);
-        std::shared_ptr<std::uint8_t> pixels(new std::uint8_t[count * 4], std::default_delete<std::uint8_t[]>());
-        for (std::size_t i = 0; i < count; ++i)
-            std::copy(rgb.begin(), rgb.end(), pixels.get() + 4 * i), pixels.get()[4 * i + 3] = 255;
-        const auto file = home->path() / "creative.png";
-        EXPECT_FALSE(platform::Image(width, height, pixels).writePNG(file));
-        return readFile(file);
     }
 
     /// The shown window that draws the SDK's presented screens, if any.
