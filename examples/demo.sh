@@ -6,17 +6,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bin=build/bin
-for tool in tessra-sandbox tessra-host tessra-defaults; do
-  if [ ! -x "$bin/$tool" ]; then
-    echo "demo: $bin/$tool is not built; run ./run demo" >&2
-    exit 1
-  fi
-done
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-demo-XXXXXX")
 who=demo
 # shellcheck source=examples/sandbox.sh
 . examples/sandbox.sh
+require_built "$bin" './run demo' tessra-sandbox tessra-host tessra-defaults
+work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-demo-XXXXXX")
 narrator_pid=""
 
 cleanup() {

@@ -6,17 +6,11 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 bin=build-desktop/bin
-for tool in tessra-sandbox tessra-desktop-sample; do
-  if [ ! -x "$bin/$tool" ]; then
-    echo "sample: $bin/$tool is not built; run ./run sample" >&2
-    exit 1
-  fi
-done
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-sample-XXXXXX")
 who=sample
 # shellcheck source=examples/sandbox.sh
 . examples/sandbox.sh
+require_built "$bin" './run sample' tessra-sandbox tessra-desktop-sample
+work=$(mktemp -d "${TMPDIR:-/tmp}/tessra-sample-XXXXXX")
 cleanup() {
   stop_sandbox
   rm -rf "$work"

@@ -113,6 +113,18 @@ protected:
                "x-scheme-handler/https=stand-in-browser.desktop\n";
     }
 
+    /// The content of a mapped top-level window that `is` accepts, if any.
+    static GtkWidget* shownWindowContent(bool (*is)(GtkWidget*)) {
+        GtkWidget* found = nullptr;
+        GList* windows = gtk_window_list_toplevels();
+        for (GList* w = windows; w; w = w->next) {
+            GtkWidget* child = gtk_bin_get_child(GTK_BIN(w->data));
+            if (child && is(child) && gtk_widget_get_mapped(GTK_WIDGET(w->data))) found = child;
+        }
+        g_list_free(windows);
+        return found;
+    }
+
     void turn() { desktop.platform->runLoop->runFor(0.01); }
     bool turnUntil(const std::function<bool()>& done, double seconds = 5.0) {
         return test::pumpUntil([this] { turn(); }, done, seconds);
@@ -355,15 +367,8 @@ protected:
 
     /// The shown top-level window that holds a web view, if any.
     static WebKitWebView* pageView() {
-        WebKitWebView* found = nullptr;
-        GList* windows = gtk_window_list_toplevels();
-        for (GList* w = windows; w; w = w->next) {
-            GtkWidget* child = gtk_bin_get_child(GTK_BIN(w->data));
-            if (child && WEBKIT_IS_WEB_VIEW(child) && gtk_widget_get_visible(GTK_WIDGET(w->data)))
-                found = WEBKIT_WEB_VIEW(child);
-        }
-        g_list_free(windows);
-        return found;
+        GtkWidget* view = shownWindowContent([](GtkWidget* w) { return WEBKIT_IS_WEB_VIEW(w) != FALSE; });
+        return view ? WEBKIT_WEB_VIEW(view) : nullptr;
     }
 };
 
@@ -430,14 +435,7 @@ protected:
 
     /// The shown window that draws the SDK's presented screens, if any.
     static GtkWidget* screenArea() {
-        GtkWidget* found = nullptr;
-        GList* windows = gtk_window_list_toplevels();
-        for (GList* w = windows; w; w = w->next) {
-            GtkWidget* child = gtk_bin_get_child(GTK_BIN(w->data));
-            if (child && GTK_IS_DRAWING_AREA(child) && gtk_widget_get_mapped(GTK_WIDGET(w->data))) found = child;
-        }
-        g_list_free(windows);
-        return found;
+        return shownWindowContent([](GtkWidget* w) { return GTK_IS_DRAWING_AREA(w) != FALSE; });
     }
 
     /// The colour on the display at `point` of `area`, as the X server has it.
