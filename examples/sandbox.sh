@@ -49,16 +49,4 @@ stop_sandbox() {
   kill -KILL "$sandbox_pid" 2>/dev/null || true
   wait "$sandbox_pid" 2>/dev/null || true
   sandbox_pid=""
-
-# require_built BIN COMMAND TOOL...: stops unless every tool is built in BIN.
-require_built() {
-  local bin="$1" command="$2"
-  shift 2
-  for tool in "$@"; do
-    if [ ! -x "$bin/$tool" ]; then
-      echo "$who: $bin/$tool is not built; run $command" >&2
-      exit 1
-    fi
-  done
-}
 }
