@@ -273,6 +273,12 @@ CURLcode configure(CURL* easy, Transfer& t, const Config& config) {
     if (!isToken(method)) return CURLE_BAD_FUNCTION_ARGUMENT;
     const bool sendsBody = method == "POST" || method == "PUT" || method == "PATCH" || !r.httpBody.empty();
     t.sendOnce = method != "GET" && method != "HEAD";
+    // Such a request only reuses a connection that has been idle for under a second.
+    // Servers close idle connections after a few seconds, and over TLS libcurl cannot always
+    // tell a closed connection from a live one before it sends; the request would then need
+    // the second attempt it never gets. A fresh connection resumes the TLS session.
+    // (libcurl counts whole idle seconds: 0 keeps only connections idle under one.)
+    check(curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, t.sendOnce ? 0L : 118L));
     check(curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &onPrereq));
     check(curl_easy_setopt(easy, CURLOPT_PREREQDATA, &t));
     if (method == "GET") {

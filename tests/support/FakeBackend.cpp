@@ -169,8 +169,8 @@ struct FakeBackend::Impl {
         static std::once_flag ignorePipe;
         std::call_once(ignorePipe, [] { std::signal(SIGPIPE, SIG_IGN); });
         if (!https.is_valid()) throw std::runtime_error("FakeBackend: cannot load " + options.certificate);
-        setUp(http, false);
-        setUp(https, true);
+        setUp(http, options.keepAliveSeconds);
+        setUp(https, options.keepAliveSeconds);
         httpPortNumber = http.bind_to_any_port("127.0.0.1");
         httpsPortNumber = https.bind_to_any_port("127.0.0.1");
         if (httpPortNumber <= 0 || httpsPortNumber <= 0) throw std::runtime_error("FakeBackend: cannot bind");
@@ -197,11 +197,12 @@ struct FakeBackend::Impl {
         httpsThread.join();
     }
 
-    void setUp(httplib::Server& server, bool tls) {
+    void setUp(httplib::Server& server, int keepAliveSeconds) {
+        const bool tls = &server == &https;
         server.new_task_queue = [] { return new ThreadPerConnection; };
         server.set_tcp_nodelay(true);  // headers and body go out in separate writes
         server.set_keep_alive_max_count(1000);
-        server.set_keep_alive_timeout(30);
+        server.set_keep_alive_timeout(keepAliveSeconds);
         auto handler = [this, tls](const httplib::Request& request, httplib::Response& response) {
             handle(request, response, tls);
         };

@@ -69,6 +69,7 @@ public:
     struct Options {
         std::string certificate = "tls/server.pem";  // under tests/data
         std::string privateKey = "tls/server.key";
+        int keepAliveSeconds = 30;  // how long an idle connection stays open
     };
 
     FakeBackend();
