@@ -92,6 +92,8 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
     GDBusConnection* connection = nullptr;
     std::string connectError;
     std::vector<guint> subscriptions;
+    bool connecting = false, failing = false;   // main context only
+    std::vector<std::function<void()>> retries;  // waiting for the connection
     std::optional<bool> markup;  // whether the service reads body markup, once it said
     std::map<std::string, guint32> shown;             // request identifier -> service id
     std::map<guint32, std::string> requests;          // service id -> request identifier
@@ -102,33 +104,67 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
 
     // ---- connection (on the main context) ----
 
-    GDBusConnection* connect() {
-        std::lock_guard lock(mutex);
-        if (connection) return connection;
+    enum class Link { up, waiting, down };
+
+    /// Whether the connection is up. Without one yet, connecting starts (once at a time,
+    /// without waiting on the main loop) and `retry` runs when the attempt has ended,
+    /// counted as in flight until then: `waiting`. While the retries of a failed attempt run,
+    /// `down`. Each new call after that tries again.
+    Link link(std::function<void()> retry) {
+        {
+            std::lock_guard lock(mutex);
+            if (connection) return Link::up;
+        }
+        if (failing) return Link::down;
+        ++inFlight;
+        retries.push_back(std::move(retry));
+        if (connecting) return Link::waiting;
         GError* error = nullptr;
         gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
-        if (address) {
-            // A connection of our own: the shared one would end the process if the bus went away.
-            connection = g_dbus_connection_new_for_address_sync(
-                address,
-                GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                     G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-                nullptr, nullptr, &error);
-            g_free(address);
+        if (!address) {
+            connected(nullptr, error);
+            return Link::waiting;
         }
-        if (!connection) {
+        connecting = true;
+        // A connection of our own: the shared one would end the process if the bus went away.
+        g_dbus_connection_new_for_address(
+            address,
+            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr,
+            [](GObject*, GAsyncResult* result, gpointer data) {
+                std::unique_ptr<std::weak_ptr<Bus>> weak(static_cast<std::weak_ptr<Bus>*>(data));
+                GError* e = nullptr;
+                GDBusConnection* c = g_dbus_connection_new_for_address_finish(result, &e);
+                if (auto self = weak->lock()) return self->connected(c, e);
+                if (c) g_object_unref(c);
+                g_clear_error(&e);
+            },
+            new std::weak_ptr<Bus>(weak_from_this()));
+        g_free(address);
+        return Link::waiting;
+    }
+
+    void connected(GDBusConnection* c, GError* error) {
+        connecting = false;
+        if (c) {
+            connectError.clear();
+            for (const char* member : {"ActionInvoked", "NotificationClosed"})
+                subscriptions.push_back(g_dbus_connection_signal_subscribe(
+                    c, nullptr, kInterface, member, kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
+                    new std::weak_ptr<Bus>(weak_from_this()),
+                    [](gpointer data) { delete static_cast<std::weak_ptr<Bus>*>(data); }));
+            std::lock_guard lock(mutex);
+            connection = c;
+        } else {
             std::string why = takeMessage(error);
             if (why != connectError) Console::print(std::string(kLabel) + ": no session bus (" + why + ")");
             connectError = why;
-            return nullptr;
+            failing = true;
         }
-        connectError.clear();
-        for (const char* member : {"ActionInvoked", "NotificationClosed"})
-            subscriptions.push_back(g_dbus_connection_signal_subscribe(
-                connection, nullptr, kInterface, member, kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, onSignal,
-                new std::weak_ptr<Bus>(weak_from_this()),
-                [](gpointer data) { delete static_cast<std::weak_ptr<Bus>*>(data); }));
-        return connection;
+        // Each retry takes over the in-flight count it was queued with.
+        for (auto& retry : std::exchange(retries, {})) retry();
+        failing = false;
     }
 
     // Whether the service reads body markup, asked once before the first notification so
@@ -174,9 +210,18 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
         });
     }
 
+    GDBusConnection* bus() {
+        std::lock_guard lock(mutex);
+        return connection;
+    }
+
     void notify(const UNNotificationRequest& request) {
-        GDBusConnection* c = connect();
-        if (!c) return done();
+        std::weak_ptr<Bus> weak = weak_from_this();
+        if (link([weak, request] {
+                if (auto self = weak.lock()) self->notify(request);
+            }) != Link::up)
+            return done();
+        GDBusConnection* c = bus();
         std::optional<bool> knownMarkup;
         {
             std::lock_guard lock(mutex);
@@ -292,8 +337,15 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
 
     // On the main context.
     void close(guint32 id) {
-        GDBusConnection* c = connect();
-        if (!c) return;
+        std::weak_ptr<Bus> weak = weak_from_this();
+        if (link([weak, id] {
+                if (auto self = weak.lock()) {
+                    self->close(id);
+                    self->done();
+                }
+            }) != Link::up)
+            return;
+        GDBusConnection* c = bus();
         ++inFlight;
         g_dbus_connection_call(
             c, kService, kPath, kInterface, "CloseNotification", g_variant_new("(u)", id), nullptr,
@@ -371,17 +423,27 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
     void authorize(Completion completion, unsigned options) {
         std::weak_ptr<Bus> weak = weak_from_this();
         onMain([weak, completion, options] {
-            auto self = weak.lock();
-            if (!self) return;
-            GDBusConnection* c = self->connect();
-            if (!c) {
-                self->answer(completion, options, false, "no session bus", "");
-                return self->done();
-            }
-            g_dbus_connection_call(c, kService, kPath, kInterface, "GetServerInformation", nullptr,
-                                   G_VARIANT_TYPE("(ssss)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
-                                   onServerInformation, new AuthorizationCall{weak, completion, options});
+            if (auto self = weak.lock()) self->askServer(completion, options);
         });
+    }
+
+    // On the main context; ends the in-flight count it runs under.
+    void askServer(const Completion& completion, unsigned options) {
+        std::weak_ptr<Bus> weak = weak_from_this();
+        switch (link([weak, completion, options] {
+            if (auto self = weak.lock()) self->askServer(completion, options);
+        })) {
+            case Link::waiting:
+                return done();
+            case Link::down:
+                answer(completion, options, false, "no session bus", "");
+                return done();
+            case Link::up:
+                break;
+        }
+        g_dbus_connection_call(bus(), kService, kPath, kInterface, "GetServerInformation", nullptr,
+                               G_VARIANT_TYPE("(ssss)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
+                               onServerInformation, new AuthorizationCall{weak, completion, options});
     }
 
     static void onServerInformation(GObject* source, GAsyncResult* result, gpointer data) {
