@@ -565,6 +565,9 @@ TEST_F(DesktopScreens, ABannerWidgetInTheAppsWindowShowsTheAdAndAClickOpensItsPa
         << "the banner's creative never showed; hidden: " << banner->isHidden
         << "; console: " << testing::PrintToString(console->lines());
     EXPECT_EQ(gtk_widget_get_allocated_height(widget), 50) << "the widget asks for the banner's size";
+    gtk_window_resize(GTK_WINDOW(host), 420, 600);
+    EXPECT_TRUE(turnUntil([&] { return headless.screen->bounds() == platform::Rect{0, 0, 420, 600}; }))
+        << "the screen did not follow the app's window";
     click(widget, middle);
     EXPECT_TRUE(turnUntil([&] { return readFile(opened) == "https://ads.test/landing\n"; }))
         << "the click opened nothing; browser got: " << readFile(opened) << " console: " << testing::PrintToString(console->lines());

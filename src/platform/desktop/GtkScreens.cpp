@@ -33,11 +33,12 @@ void HostWindow::set(GtkWindow* window) {
     if (!window_) return;
     // A host that closes its window before us leaves nothing dangling here.
     g_object_add_weak_pointer(G_OBJECT(window_), reinterpret_cast<gpointer*>(&window_));
-    handler_ = g_signal_connect_after(window_, "configure-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer self) {
-                                          static_cast<HostWindow*>(self)->changed();
-                                          return FALSE;
-                                      }),
-                                      this);
+    // Before GTK's own handler, which ends the emission; the window's size is already new.
+    handler_ = g_signal_connect(window_, "configure-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer self) {
+                                    static_cast<HostWindow*>(self)->changed();
+                                    return FALSE;
+                                }),
+                                this);
     changed();
 }
 
