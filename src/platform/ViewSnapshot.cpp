@@ -15,7 +15,6 @@
 
 #include "platform/Nesting.hpp"
 #include "platform/TextMeasure.hpp"
-#include "platform/ViewDrawing.hpp"
 
 namespace tessrakite::platform {
 

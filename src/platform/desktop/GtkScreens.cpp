@@ -6,9 +6,9 @@
 
 #include <tessrakite/platform/Console.hpp>
 #include <tessrakite/platform/ViewController.hpp>
+#include <tessrakite/platform/ViewSnapshot.hpp>
 #include <tessrakite/platform/Window.hpp>
 
-#include "platform/ViewDrawing.hpp"
 #include "platform/desktop/GtkWindows.hpp"
 
 namespace tessrakite::platform::desktop {
