@@ -27,8 +27,15 @@ if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
   "$bin/tessra-desktop-sample"
 else
   pictures="$PWD/build-desktop/sample-pictures"
+  rm -rf "$pictures"
   mkdir -p "$pictures"
   echo "No display: the sample runs under Xvfb and takes its screenshots"
   dbus-run-session -- xvfb-run -a -s "-screen 0 1024x768x24" "$bin/tessra-desktop-sample" --screenshot "$pictures"
+  for picture in desktop-app.png desktop-interstitial.png; do
+    if [ ! -s "$pictures/$picture" ]; then
+      echo "sample: no $picture was written" >&2
+      exit 1
+    fi
+  done
   echo "sample: pictures in $pictures (desktop-app.png, desktop-interstitial.png)"
 fi
