@@ -133,31 +133,6 @@ protected:
         return turnUntil([&] { return service->calls("Notify").size() >= n; });
     }
 
-    static ordered_json campaign(const ordered_json& message, const std::string& title = "Sale") {
-        return {{"p", ordered_json::array({{{"o", message}, {"t", title}}})}};
-    }
-
-    /// The extension's entry point; as the platform does, the content handed back is
-    /// delivered through the centre from inside the content handler.
-    UNMutableNotificationContent receive(const ordered_json& userInfo, const std::string& id) {
-        platform::UNNotificationRequest request;
-        request.identifier = id;
-        request.content.userInfo = *PlistValue::fromJSON(userInfo).asDictionary();
-        std::mutex mutex;
-        std::optional<UNMutableNotificationContent> handled;
-        auto centreRef = centre;
-        TessraQuill::didReceiveNotification(request, request.content, [&, request](UNMutableNotificationContent c) mutable {
-            request.content = c;
-            centreRef->add(request, nullptr);
-            std::lock_guard lock(mutex);
-            handled = std::move(c);
-        });
-        pump();
-        std::lock_guard lock(mutex);
-        EXPECT_TRUE(handled) << "the content handler is always called";
-        return handled.value_or(UNMutableNotificationContent{});
-    }
-
     /// A solid `width` x `height` PNG of one colour.
     std::string solidPng(int width, int height, std::array<std::uint8_t, 3> rgb) const {
         const auto count = static_cast<std::size_t>(width * height);

@@ -1,6 +1,8 @@
 #include "SdkFixture.hpp"
 
 #include <cstdlib>
+#include <mutex>
+#include <optional>
 
 #include <tessrakite/core/TessraBuilder.hpp>
 #include <tessrakite/core/TessraQuill.hpp>
@@ -65,6 +67,33 @@ std::vector<std::int64_t> SdkFixture::activityCodes() const {
     std::vector<std::int64_t> codes;
     for (const auto& body : activityPosts()) codes.push_back(body["code"].get<std::int64_t>());
     return codes;
+}
+
+platform::UNMutableNotificationContent SdkFixture::receive(const nlohmann::ordered_json& userInfo,
+                                                          const std::string& id,
+                                                          std::shared_ptr<platform::UserNotificationCenter> centre) {
+    platform::UNNotificationRequest request;
+    request.identifier = id;
+    request.content.userInfo = *PlistValue::fromJSON(userInfo).asDictionary();
+    std::mutex mutex;
+    std::optional<platform::UNMutableNotificationContent> handled;
+    TessraQuill::didReceiveNotification(request, request.content, [&](platform::UNMutableNotificationContent content) {
+        std::lock_guard lock(mutex);
+        handled = std::move(content);
+    });
+    pump();
+    std::lock_guard lock(mutex);
+    EXPECT_TRUE(handled) << "the content handler is always called";
+    if (!handled) return {};
+    request.content = *handled;
+    if (!centre) centre = platform::currentPlatform()->userNotificationCenter;
+    centre->add(request, nullptr);
+    pump();
+    return *handled;
+}
+
+nlohmann::ordered_json SdkFixture::campaign(const nlohmann::ordered_json& message, const std::string& title) {
+    return {{"p", nlohmann::ordered_json::array({{{"o", message}, {"t", title}}})}};
 }
 
 }  // namespace tessrakite::test

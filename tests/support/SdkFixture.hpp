@@ -37,6 +37,14 @@ protected:
     /// Bodies posted to the activity endpoint, parsed.
     std::vector<nlohmann::ordered_json> activityPosts() const;
     std::vector<std::int64_t> activityCodes() const;
+
+    /// Runs the service extension's entry point on a push and, as the system does, delivers
+    /// the request with the content its handler got through `centre` (the current
+    /// platform's), then pumps. The content the handler got.
+    platform::UNMutableNotificationContent receive(const nlohmann::ordered_json& userInfo, const std::string& id,
+                                                   std::shared_ptr<platform::UserNotificationCenter> centre = nullptr);
+    /// A campaign push's user info: one message `message` titled `title`.
+    static nlohmann::ordered_json campaign(const nlohmann::ordered_json& message, const std::string& title = "Sale");
     StorageManager storage() const { return StorageManager(); }
 
     std::unique_ptr<ScopedHome> home;

@@ -35,32 +35,6 @@ protected:
         backend->on("GET", "/t/*", Answer::withStatus(204));
     }
 
-    /// Runs the extension's entry point and, as the platform does, delivers what the
-    /// content handler got.
-    UNMutableNotificationContent receive(const ordered_json& userInfo, const std::string& id) {
-        platform::UNNotificationRequest request;
-        request.identifier = id;
-        request.content.userInfo = *PlistValue::fromJSON(userInfo).asDictionary();
-        std::mutex mutex;
-        std::optional<UNMutableNotificationContent> handled;
-        TessraQuill::didReceiveNotification(request, request.content, [&](UNMutableNotificationContent content) {
-            std::lock_guard lock(mutex);
-            handled = std::move(content);
-        });
-        pump();
-        std::lock_guard lock(mutex);
-        EXPECT_TRUE(handled) << "the content handler is always called";
-        if (!handled) return {};
-        request.content = *handled;
-        headless.userNotificationCenter->add(request, nullptr);
-        pump();
-        return *handled;
-    }
-
-    static ordered_json campaign(const ordered_json& message, const std::string& title = "Sale") {
-        return {{"p", ordered_json::array({{{"o", message}, {"t", title}}})}};
-    }
-
     void tap(const std::string& id, const std::string& action = platform::UNNotificationDefaultActionIdentifier,
              bool open = true, std::optional<std::string>* handedBack = nullptr) {
         platform::UNNotificationResponse response;
