@@ -119,33 +119,15 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
         ++inFlight;
         retries.push_back(std::move(retry));
         if (connecting) return Link::waiting;
-        GError* error = nullptr;
-        gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
-        if (!address) {
-            connected(nullptr, error);
-            return Link::waiting;
-        }
         connecting = true;
-        // A connection of our own: the shared one would end the process if the bus went away.
-        g_dbus_connection_new_for_address(
-            address,
-            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr,
-            [](GObject*, GAsyncResult* result, gpointer data) {
-                std::unique_ptr<std::weak_ptr<Bus>> weak(static_cast<std::weak_ptr<Bus>*>(data));
-                GError* e = nullptr;
-                GDBusConnection* c = g_dbus_connection_new_for_address_finish(result, &e);
-                if (auto self = weak->lock()) return self->connected(c, e);
-                if (c) g_object_unref(c);
-                g_clear_error(&e);
-            },
-            new std::weak_ptr<Bus>(weak_from_this()));
-        g_free(address);
+        std::weak_ptr<Bus> weak = weak_from_this();
+        connectSessionBus(weak, [weak](GDBusConnection* c, const std::string& why) {
+            if (auto self = weak.lock()) self->connected(c, why);
+        });
         return Link::waiting;
     }
 
-    void connected(GDBusConnection* c, GError* error) {
+    void connected(GDBusConnection* c, const std::string& why) {
         connecting = false;
         if (c) {
             connectError.clear();
@@ -157,7 +139,6 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
             std::lock_guard lock(mutex);
             connection = c;
         } else {
-            std::string why = takeMessage(error);
             if (why != connectError) Console::print(std::string(kLabel) + ": no session bus (" + why + ")");
             connectError = why;
             failing = true;

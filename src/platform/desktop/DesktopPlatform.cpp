@@ -34,33 +34,16 @@ public:
             return;
         }
         if (connecting_ || failed_) return;
-        GError* error = nullptr;
-        gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
-        if (!address) return fail(takeMessage(error));
         connecting_ = true;
-        // A connection of our own: the shared one would end the process if the bus went away.
-        g_dbus_connection_new_for_address(
-            address,
-            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr,
-            [](GObject*, GAsyncResult* result, gpointer data) {
-                std::unique_ptr<std::weak_ptr<LauncherEntry>> weak(static_cast<std::weak_ptr<LauncherEntry>*>(data));
-                GError* e = nullptr;
-                GDBusConnection* bus = g_dbus_connection_new_for_address_finish(result, &e);
-                auto self = weak->lock();
-                if (!self) {
-                    if (bus) g_object_unref(bus);
-                    if (e) g_error_free(e);
-                    return;
-                }
-                self->connecting_ = false;
-                if (!bus) return self->fail(takeMessage(e));
-                self->bus_ = bus;
-                self->flush();
-            },
-            new std::weak_ptr<LauncherEntry>(weak_from_this()));
-        g_free(address);
+        std::weak_ptr<LauncherEntry> weak = weak_from_this();
+        connectSessionBus(weak, [weak](GDBusConnection* bus, const std::string& why) {
+            auto self = weak.lock();  // alive: the attempt only answers a live owner
+            if (!self) return;
+            self->connecting_ = false;
+            if (!bus) return self->fail(why);
+            self->bus_ = bus;
+            self->flush();
+        });
     }
 
 private:

@@ -100,4 +100,33 @@ std::string takeMessage(GError* error) {
 
 std::shared_ptr<RunLoopDriver> makeGLibDriver(RunLoop& runLoop) { return std::make_shared<GLibDriver>(runLoop); }
 
+void connectSessionBus(std::weak_ptr<void> owner,
+                       std::function<void(GDBusConnection* connection, const std::string& why)> done) {
+    GError* error = nullptr;
+    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+    if (!address) return done(nullptr, takeMessage(error));
+    struct Attempt {
+        std::weak_ptr<void> owner;
+        std::function<void(GDBusConnection*, const std::string&)> done;
+    };
+    g_dbus_connection_new_for_address(
+        address,
+        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr,
+        [](GObject*, GAsyncResult* result, gpointer data) {
+            std::unique_ptr<Attempt> attempt(static_cast<Attempt*>(data));
+            GError* e = nullptr;
+            GDBusConnection* connection = g_dbus_connection_new_for_address_finish(result, &e);
+            const std::string why = connection ? std::string() : takeMessage(e);
+            if (attempt->owner.expired()) {
+                if (connection) g_object_unref(connection);
+                return;
+            }
+            attempt->done(connection, why);
+        },
+        new Attempt{std::move(owner), std::move(done)});
+    g_free(address);
+}
+
 }  // namespace tessrakite::platform::desktop

@@ -19,6 +19,13 @@ void onMainContext(std::function<void()> work);
 /// The message of a GError, which it frees; "unknown error" for none.
 std::string takeMessage(GError* error);
 
+/// Opens a session-bus connection of our own (the shared one would end the process if the
+/// bus went away) without waiting. `done` runs with the connection, which it then owns, or
+/// none and why; not at all once `owner` is gone. Call it on the main context, where `done`
+/// runs too.
+void connectSessionBus(std::weak_ptr<void> owner,
+                       std::function<void(GDBusConnection* connection, const std::string& why)> done);
+
 /// Dispatches a run loop's items from the default GMainContext.
 std::shared_ptr<RunLoopDriver> makeGLibDriver(RunLoop& runLoop);
 
