@@ -1,5 +1,6 @@
 // Screens and views on the desktop: the SDK's view tree drawn by its own renderer into GTK
 // widgets, and real clicks turned into taps.
+#include <algorithm>
 #include <cmath>
 #include <optional>
 #include <utility>
@@ -81,7 +82,7 @@ public:
     virtual void draw(cairo_t* cr) = 0;
     virtual std::uint64_t state() = 0;
     /// The view that takes touches at `point` of the area; none there.
-    virtual View* target(Point point, Point& inTarget) = 0;
+    virtual View* target(Point point) = 0;
     /// The size the area asks for; none: whatever it is given.
     virtual std::optional<Size> size() { return std::nullopt; }
 };
@@ -109,7 +110,9 @@ private:
 
     void resize(GtkWidget* area) {
         if (auto size = scene_->size()) {
-            const gint w = static_cast<gint>(std::ceil(size->width)), h = static_cast<gint>(std::ceil(size->height));
+            // A frame is the host's to set: anything not a sane size asks for none.
+            auto pixels = [](double v) { return std::isfinite(v) ? static_cast<gint>(std::clamp(std::ceil(v), 0.0, 32767.0)) : 0; };
+            const gint w = pixels(size->width), h = pixels(size->height);
             gint oldW = 0, oldH = 0;
             gtk_widget_get_size_request(area, &oldW, &oldH);
             if (w != oldW || h != oldH) gtk_widget_set_size_request(area, w, h);
@@ -142,8 +145,7 @@ private:
     static gboolean onPress(GtkWidget*, GdkEventButton* event, gpointer data) {
         auto* self = static_cast<LiveArea*>(data);
         if (event->button != GDK_BUTTON_PRIMARY) return FALSE;
-        Point unused;
-        self->pressed_ = self->scene_->target({event->x, event->y}, unused);
+        self->pressed_ = self->scene_->target({event->x, event->y});
         return TRUE;
     }
 
@@ -151,8 +153,7 @@ private:
         auto* self = static_cast<LiveArea*>(data);
         if (event->button != GDK_BUTTON_PRIMARY) return FALSE;
         View* pressed = std::exchange(self->pressed_, nullptr);
-        Point at;
-        View* released = self->scene_->target({event->x, event->y}, at);
+        View* released = self->scene_->target({event->x, event->y});
         // Down on one view and up on another is no tap, as with a finger.
         if (released && released == pressed)
             for (View* v = released; v; v = v->superview())
@@ -171,10 +172,7 @@ public:
     explicit ViewScene(std::shared_ptr<View> view) : view_(std::move(view)) {}
     void draw(cairo_t* cr) override { drawView(cr, *view_); }
     std::uint64_t state() override { return drawnState(*view_); }
-    View* target(Point point, Point& inTarget) override {
-        inTarget = point;
-        return view_->hitTest(point);
-    }
+    View* target(Point point) override { return view_->hitTest(point); }
     std::optional<Size> size() override { return Size{view_->frame.width, view_->frame.height}; }
 
 private:
@@ -206,14 +204,13 @@ public:
         return digest;
     }
 
-    View* target(Point point, Point& inTarget) override {
+    View* target(Point point) override {
         auto window = window_.lock();
         if (!window) return nullptr;
         const auto views = presented(*window);
         if (views.empty()) return nullptr;
         View* top = views.back();
-        inTarget = {point.x - top->frame.x, point.y - top->frame.y};
-        return top->hitTest(inTarget);
+        return top->hitTest({point.x - top->frame.x, point.y - top->frame.y});
     }
 
 private:
@@ -290,6 +287,9 @@ private:
         overlay_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
         makeOverlay(GTK_WINDOW(overlay_));
         gtk_container_add(GTK_CONTAINER(overlay_), LiveArea::make(std::make_unique<PresentedScene>(window)));
+        // The screens decide when they go (an ad's close button): the window manager's close
+        // would hide a screen the app still presents.
+        g_signal_connect(overlay_, "delete-event", G_CALLBACK(gtk_true), nullptr);
         g_signal_connect(overlay_, "destroy", G_CALLBACK(+[](GtkWidget*, gpointer self) {
                              static_cast<Screens*>(self)->overlay_ = nullptr;
                          }),
