@@ -79,5 +79,6 @@ BENCHMARK(BM_FrameCheckAgainstRedraw)->Iterations(3)->Unit(benchmark::kMilliseco
 }  // namespace
 
 int main(int argc, char** argv) {
-    return bench::runBenchmarks(argc, argv, "Goals: check_to_redraw_ratio <= 0.05 (a still screen costs under 5% of redrawing it).");
+    return bench::runBenchmarks(argc, argv,
+                                "Goals: check_to_redraw_ratio <= 0.05 (a still screen costs under 5% of redrawing it).");
 }

@@ -256,7 +256,8 @@ void after(guint ms, std::function<void()> step) {
     g_timeout_add_full(G_PRIORITY_DEFAULT, ms, [](gpointer data) -> gboolean {
         (*static_cast<std::function<void()>*>(data))();
         return G_SOURCE_REMOVE;
-    }, new std::function<void()>(std::move(step)), [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+    }, new std::function<void()>(std::move(step)),
+                       [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
 }
 
 void screenshots(const std::string& folder) {
