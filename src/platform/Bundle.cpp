@@ -233,6 +233,13 @@ std::shared_ptr<Bundle> Bundle::main() {
     return slot;
 }
 
+std::shared_ptr<Bundle> Bundle::containingApplication(const Bundle& extension) {
+    auto url = extension.bundleURL();
+    if (!url.has_filename()) url = url.parent_path();  // "X.appex/"
+    if (url.extension() != ".appex" || url.parent_path().filename() != "PlugIns") return nullptr;
+    return open(url.parent_path().parent_path());
+}
+
 void Bundle::setMain(std::shared_ptr<Bundle> bundle) {
     std::lock_guard lock(mainMutex());
     mainSlot() = std::move(bundle);

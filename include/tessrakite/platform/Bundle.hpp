@@ -22,6 +22,9 @@ public:
     /// the running executable.
     static std::shared_ptr<Bundle> main();
     static void setMain(std::shared_ptr<Bundle> bundle);
+    /// For an extension (App.app/PlugIns/X.appex), the application that contains it; none
+    /// for any other bundle, or when the application's folder cannot be opened.
+    static std::shared_ptr<Bundle> containingApplication(const Bundle& extension);
 
     const std::filesystem::path& bundleURL() const { return path_; }
     const PlistDictionary& infoDictionary() const { return info_; }

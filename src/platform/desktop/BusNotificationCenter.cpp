@@ -27,10 +27,7 @@ constexpr gint kCallTimeoutMs = 5000;
 std::string applicationName() {
     auto bundle = Bundle::main();
     if (!bundle) return "TessraKite";
-    auto url = bundle->bundleURL();
-    if (!url.has_filename()) url = url.parent_path();
-    if (url.extension() == ".appex" && url.parent_path().filename() == "PlugIns")
-        if (auto app = Bundle::open(url.parent_path().parent_path())) bundle = app;
+    if (auto application = Bundle::containingApplication(*bundle)) bundle = application;
     if (auto name = bundle->displayName()) return *name;
     if (auto name = bundle->string("CFBundleName")) return *name;
     return "TessraKite";

@@ -203,11 +203,8 @@ std::optional<std::string> usableIdentifier(std::optional<std::string> id) {
 std::optional<std::string> applicationIdentifier() {
     auto main = Bundle::main();
     if (!main) return std::nullopt;
-    auto url = main->bundleURL();
-    if (!url.has_filename()) url = url.parent_path();  // "X.appex/"
-    if (url.extension() == ".appex" && url.parent_path().filename() == "PlugIns")
-        if (auto application = Bundle::open(url.parent_path().parent_path()))
-            if (auto id = usableIdentifier(application->bundleIdentifier())) return id;
+    if (auto application = Bundle::containingApplication(*main))
+        if (auto id = usableIdentifier(application->bundleIdentifier())) return id;
     return usableIdentifier(main->bundleIdentifier());
 }
 
