@@ -19,7 +19,7 @@ using headless::HeadlessApplication;
 /// The badge as the launcher entry's count: the "Update" signal of
 /// com.canonical.Unity.LauncherEntry, which docks and panels that show counts listen for
 /// (and nothing else minds). The app is "application://<bundle identifier>.desktop", the
-/// name its desktop file has. Main context only; the bus is reached without waiting and
+/// name its desktop file has (an extension's application's). Main context only; the bus is reached without waiting and
 /// only the newest count goes out once it is there.
 class LauncherEntry : public std::enable_shared_from_this<LauncherEntry> {
 public:
@@ -55,7 +55,10 @@ private:
     void flush() {
         if (!pending_) return;
         const std::int64_t count = *std::exchange(pending_, std::nullopt);
-        const auto identifier = Bundle::main() ? Bundle::main()->bundleIdentifier() : std::nullopt;
+        // An extension's badge is its application's, as its notifications are.
+        auto bundle = Bundle::main();
+        if (auto application = bundle ? Bundle::containingApplication(*bundle) : nullptr) bundle = application;
+        const auto identifier = bundle ? bundle->bundleIdentifier() : std::nullopt;
         const std::string app = "application://" + identifier.value_or(g_get_prgname() ? g_get_prgname() : "tessrakite") + ".desktop";
         const std::string path = "/com/canonical/unity/launcherentry/" + std::to_string(g_str_hash(app.c_str()));
         GVariantBuilder properties;
