@@ -90,6 +90,7 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
     std::string connectError;
     std::vector<guint> subscriptions;
     bool connecting = false, failing = false;   // main context only
+    std::string appName;                         // the sender's name; main context only
     std::vector<std::function<void()>> retries;  // waiting for the connection
     std::optional<bool> markup;  // whether the service reads body markup, once it said
     std::map<std::string, guint32> shown;             // request identifier -> service id
@@ -245,9 +246,11 @@ struct Bus final : headless::DeliveryObserver, std::enable_shared_from_this<Bus>
             closeWhenShown.erase(request.identifier);
         }
         const std::string body = bodyText(content, markupBody);
+        // Read once: for an extension it means opening its application's Info.plist.
+        if (appName.empty()) appName = applicationName();
         g_dbus_connection_call(
             c, kService, kPath, kInterface, "Notify",
-            g_variant_new("(susssasa{sv}i)", applicationName().c_str(), replaces, "", content.title.c_str(),
+            g_variant_new("(susssasa{sv}i)", appName.c_str(), replaces, "", content.title.c_str(),
                           body.c_str(), &actions, &hints, -1),
             G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, onNotified,
             new CallData{weak_from_this(), request.identifier});
