@@ -17,35 +17,30 @@ RunLoop::~RunLoop() = default;
 
 RunLoop& RunLoop::main() { return *currentPlatform()->runLoop; }
 
-void RunLoop::async(std::function<void()> work) {
-    {
-        std::lock_guard lock(mutex_);
-        items_.push_back(Item{kNow, sequence_++, std::move(work)});
-    }
-    wake_.notify_all();
-    wakeDriver();
-}
+void RunLoop::async(std::function<void()> work) { post(kNow, std::move(work)); }
 
 void RunLoop::asyncAfter(double seconds, std::function<void()> work) {
-    double due = clock_->now() + std::max(0.0, seconds);
-    {
-        std::lock_guard lock(mutex_);
-        items_.push_back(Item{due, sequence_++, std::move(work)});
-    }
-    wake_.notify_all();
-    wakeDriver();
+    post(clock_->now() + std::max(0.0, seconds), std::move(work));
 }
 
-void RunLoop::wakeDriver() {
-    if (auto driver = currentDriver()) driver->wake();
+void RunLoop::post(double due, std::function<void()> work) {
+    std::shared_ptr<RunLoopDriver> driver;
+    {
+        // The driver is read under the same lock: a post takes the lock once.
+        std::lock_guard lock(mutex_);
+        items_.push_back(Item{due, sequence_++, std::move(work)});
+        driver = driver_;
+    }
+    wake_.notify_all();
+    if (driver) driver->wake();
 }
 
 void RunLoop::setDriver(std::shared_ptr<RunLoopDriver> driver) {
     {
         std::lock_guard lock(mutex_);
-        driver_ = std::move(driver);
+        driver_ = driver;
     }
-    wakeDriver();
+    if (driver) driver->wake();
 }
 
 std::optional<double> RunLoop::nextDue() const {

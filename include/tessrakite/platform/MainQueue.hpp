@@ -82,7 +82,7 @@ private:
     bool popDue(double now, std::function<void()>& out);
     bool busy() const;
     std::shared_ptr<RunLoopDriver> currentDriver() const;
-    void wakeDriver();
+    void post(double due, std::function<void()> work);
     /// Waits up to `seconds` for new work, turning the driver's loop when there is one.
     void waitForWork(double seconds);
 
