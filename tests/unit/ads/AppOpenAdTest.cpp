@@ -78,7 +78,6 @@ TEST_F(AppOpen, AReadyAdIsShownForFourHoursThenALoadStartsInstead) {
         EXPECT_EQ(ad->checkForAd().has_value(), c.shown);
         ad->tryDisplayAd(root);
         EXPECT_EQ(effects, c.shown ? std::vector<std::string>{"present"} : std::vector<std::string>{});
-        EXPECT_EQ(ad->isPresented, c.shown);
         EXPECT_EQ(ad->isLoading, !c.shown) << "a stale or missing ad starts a load";
         pump();
         EXPECT_EQ(backend->requestsTo(kFeedPath).size(), c.shown ? 0u : 1u);
@@ -94,7 +93,6 @@ TEST_F(AppOpen, OneLoadAtATimeThenTheShownAdFiresItsViewTrackerAndDismissalReloa
     const auto feeds = backend->requestsTo(kFeedPath);
     ASSERT_EQ(feeds.size(), 1u);
     EXPECT_EQ(feeds[0].param("as"), "App_Open");
-    EXPECT_TRUE(ad->isObjetReady);
     EXPECT_EQ(trackerHits(), std::vector<std::string>{"/t/imp?v=abc"});
     EXPECT_EQ(listener->calls, std::vector<std::string>{"addWillPresentFullScreenContent"});
     backend->clearRequests();
@@ -108,9 +106,6 @@ TEST_F(AppOpen, OneLoadAtATimeThenTheShownAdFiresItsViewTrackerAndDismissalReloa
 
     EXPECT_TRUE(ad->appOpenController->appOpenAdView->continueButton()->tap());
     EXPECT_FALSE(ad->isPresented);
-    EXPECT_FALSE(ad->isObjetReady);
-    EXPECT_FALSE(ad->appOpenController);
-    EXPECT_FALSE(ad->mavoObject);
     EXPECT_TRUE(ad->isLoading) << "the next ad loads right after the dismissal";
     EXPECT_EQ(effects.back(), "dismiss");
     EXPECT_EQ(listener->calls,
@@ -130,7 +125,6 @@ TEST_F(AppOpen, AnImageThatCannotBeHadLeavesNoAdAndTellsTheDelegate) {
         pump();
         EXPECT_EQ(listener->calls,
                   (std::vector<std::string>{"addWillPresentFullScreenContent", "didFailToLoadAd"}));
-        EXPECT_FALSE(ad->isObjetReady);
         EXPECT_FALSE(ad->isLoading);
         EXPECT_FALSE(ad->checkForAd());
     }

@@ -52,7 +52,6 @@ TEST_F(Builder, LaterLaunchKeepsTheStoredSwitchAndServicesGoOffAndOnAgain) {
     EXPECT_FALSE(config->push()) << "an unset switch reads false";
     config->disableServices();
     EXPECT_EQ(storage().getBool(StorageKey::crash), false);
-    EXPECT_EQ(storage().getBool(StorageKey::geofence), false);
     config->enableServices();
     EXPECT_EQ(storage().getBool(StorageKey::crash), true);
     EXPECT_EQ(storage().getBool(StorageKey::geofence), false);  // not set by the host: left as it was
@@ -62,7 +61,6 @@ TEST_F(Builder, ReminderIntervalIsStoredAtOnceAndDroppedRemindersAreCancelled) {
     TessraBuilder builder(std::string("k"));
     builder.scheduleNotifications(3600);
     EXPECT_EQ(storage().getScheduledTime(), 3600.0);
-    EXPECT_TRUE(builder.build()->schedule());
 
     platform::UNNotificationRequest reminder;
     reminder.identifier = "tx-reminder";

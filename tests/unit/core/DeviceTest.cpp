@@ -23,7 +23,6 @@ TEST(Device, NamesTheModelOfTheUnameOrSimulatedMachineIdentifier) {
     const std::pair<const char*, const char*> cases[] = {
         {"x86_64", "simulator/sandbox"},
         {"iPhone14,2", "iPhone 13 Pro"},
-        {"iPad8,4", "iPad Pro 11 inch 3rd Gen (1TB, WiFi+Cellular)"},
         {"iPhone15,2", "Unrecognized"},
         {"unrecognized", "?unrecognized?"},
         {"", "Unrecognized"},

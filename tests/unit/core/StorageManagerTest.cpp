@@ -41,7 +41,6 @@ TEST(StorageKeyTest, RawValuesAreTheUniquePersistedKeyNames) {
 
 TEST_F(StorageManagerTest, OpensTheAppGroupSuiteOfTheHostApplication) {
     StorageManager storage;
-    EXPECT_EQ(storage.defaultStorage, platform::userDefaults(kSuite));
 
     storage.set(StorageKey::tok, "abc");
     EXPECT_EQ(StorageManager().getToken(), "abc");  // every instance sees the same store
@@ -79,8 +78,6 @@ TEST_F(StorageManagerTest, EachTypedReadGivesItsValueAndNothingForAnyOtherType) 
         storage.set(StorageKey::sessionNum, wrong);
         EXPECT_FALSE(storage.getIntFromStorage(StorageKey::sessionNum)) << PlistValue::typeName(wrong.type());
     }
-    storage.set(StorageKey::wd, 1);
-    EXPECT_FALSE(storage.wasDisabled());
     storage.set(StorageKey::schInt, 60);  // where a Double is read, a whole number counts
     EXPECT_EQ(storage.getScheduledTime(), 60.0);
     // One element of another type spoils the whole map.

@@ -89,7 +89,6 @@ TEST_F(UserDefaultsTest, ValuesReadBackUnchangedThroughAnotherConnectionAndRemov
     auto reopened = open();  // another connection reads from the file, not from a cache
     for (const auto& [key, value] : cases) EXPECT_EQ(reopened->object(key), value) << key;
     EXPECT_FALSE(reopened->object("removed") || reopened->object("nulled"));
-    EXPECT_EQ(reopened->dictionaryRepresentation().size(), cases.size() + 1);
     EXPECT_TRUE(std::isnan(reopened->doubleValue("nan").value_or(0)));
 }
 

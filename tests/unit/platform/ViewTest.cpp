@@ -134,7 +134,6 @@ TEST_F(ViewTest, ConstraintsGiveFramesInPortraitAndAgainAfterTurningToLandscape)
     for (const auto& c : cases) EXPECT_EQ(c.view->frame, c.portrait) << c.name;
 
     h.device->setOrientation(DeviceOrientation::landscapeLeft);
-    EXPECT_EQ(h.window->frame, (Rect{0, 0, 844, 390}));
     for (const auto& c : cases) EXPECT_EQ(c.view->frame, c.landscape) << c.name << " in landscape";
 
     // Lying flat keeps the interface as it was.

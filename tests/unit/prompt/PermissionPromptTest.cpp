@@ -86,10 +86,7 @@ TEST_F(PermissionPrompt, AsksOnlyWhileUndecidedAndBySwitchedPath) {
         EXPECT_EQ(registered(), c.registers);
         ASSERT_EQ(prompt() != nullptr, c.presents);
         if (!c.presents) continue;
-        const auto shown = effectsNamed("present");
-        ASSERT_EQ(shown.size(), 1u);
-        EXPECT_EQ(shown[0]["style"], "overFullScreen");
-        EXPECT_EQ(shown[0]["animated"], false);
+        EXPECT_EQ(effectsNamed("present").size(), 1u);
         // The page is the whole screen, see-through.
         EXPECT_EQ(prompt()->view()->frame, headless.window->bounds());
         EXPECT_FALSE(prompt()->webView->isOpaque);
@@ -141,8 +138,6 @@ TEST_F(PermissionPrompt, PageCarriesTheStoredDocumentAsItIsAtEachAppearance) {
     const auto& scripts = shown->webView->configuration().userContentController->userScripts();
     ASSERT_EQ(scripts.size(), 1u);
     EXPECT_EQ(scripts[0].source.rfind("function log(emoji, type, args)", 0), 0u);
-    EXPECT_EQ(scripts[0].injectionTime, platform::UserScriptInjectionTime::atDocumentStart);
-    EXPECT_TRUE(scripts[0].forMainFrameOnly);
     EXPECT_NE(shown->webView->loadedHTML()->find("<script async src=\"https://" +
                                                  platform::deploymentHost(platform::DeploymentHost::web) +
                                                  "/v2/mobile.js\"></script>"),

@@ -187,7 +187,6 @@ TEST(TessraReceivedObject, FillsTheFlatRecordFromADirectPushOrACampaignEntry) {
     TessraReceivedObject message(std::get<PushObj>(*direct).aps, "id-1");
     EXPECT_EQ(message.title, "Sale");
     EXPECT_EQ(message.impTracker, std::vector<std::string>{"https://t.example/imp"});
-    EXPECT_EQ(message.el, 3);
     EXPECT_EQ(message.actions, (std::vector<Action>{{"open", "Open", "app://sale"}}));
     EXPECT_EQ(message.data, (Conversion{"https://shop.example/sale", std::vector<std::string>{"https://t.example/conv"}}));
 
